@@ -6,6 +6,12 @@
 namespace Corvane {
 
 void Buffer::reserve(std::size_t bytes) {
+    if (bytes + 1 > m_store.size()) {
+        m_store.resize(bytes + 1, '\0');
+    }
+}
+
+void Buffer::_grow(std::size_t bytes) {
     if (bytes + 1 <= m_store.size()) {
         return;
     }
@@ -19,7 +25,7 @@ void Buffer::reserve(std::size_t bytes) {
 }
 
 void Buffer::length(std::size_t count) {
-    reserve(count);
+    _grow(count);
     if (count > m_length) {
         std::memset(m_store.data() + m_length, 0, count - m_length);
     }
@@ -38,7 +44,7 @@ void Buffer::append(const void* bytes, std::size_t count) {
         append(copy.data(), copy.size());
         return;
     }
-    reserve(m_length + count);
+    _grow(m_length + count);
     std::memcpy(m_store.data() + m_length, bytes, count);
     m_length += count;
     m_store[m_length] = '\0';

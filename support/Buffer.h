@@ -41,11 +41,17 @@ public:
 
     std::size_t step() const { return m_step; }
     void step(std::size_t bytes) { m_step = bytes ? bytes : 1; }
+    // Makes room for at least bytes of content without reallocating; an
+    // explicit reserve gives exactly that capacity (readers that fill a
+    // buffer "up to its size" rely on it).
     void reserve(std::size_t bytes);
+    std::size_t capacity() const { return m_store.size() - 1; }
 
     std::string str() const { return std::string(data(), m_length); }
 
 private:
+    void _grow(std::size_t bytes);
+
     std::vector<char> m_store;  // content, then at least one zero byte
     std::size_t m_length = 0;
     std::size_t m_step = kDefaultStep;
