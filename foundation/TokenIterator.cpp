@@ -47,6 +47,7 @@ void TokenIterator::restart(const Corvane::Buffer& text) {
 void TokenIterator::_assign(const char* text, std::size_t length) {
     delete[] m_copy;
     m_copy = m_token = m_cursor = m_end = m_group_end = nullptr;
+    m_is_group = false;
     m_kind = 0;
     m_open = m_close = 0;
     if (text == nullptr) {
@@ -69,6 +70,7 @@ char* TokenIterator::_skip_delimiters(char* p) const {
 
 void TokenIterator::next() {
     m_group_end = nullptr;
+    m_is_group = false;
     if (m_cursor == nullptr) {
         m_token = nullptr;
         return;
@@ -149,6 +151,7 @@ void TokenIterator::_read_group(char open) {
         ++p;
     }
     m_token = m_cursor + 1;
+    m_is_group = true;
     if (depth == 0) {
         m_kind = kGroup;
         *p++ = '\0';
@@ -247,6 +250,7 @@ std::size_t TokenIterator::literal(Corvane::Buffer& out) {
     out.append(start, count);
     m_cursor = start + count;
     m_group_end = nullptr;
+    m_is_group = false;
     // The token after a literal is always read as a plain atom.
     m_cursor = _skip_delimiters(m_cursor);
     if (m_cursor >= m_end || *m_cursor == '\0') {

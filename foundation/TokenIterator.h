@@ -86,6 +86,9 @@ public:
     // than n when the text ends first), 0 when the token is no such group.
     std::size_t literal(Corvane::Buffer& out);
 
+    // True when the current token was read as a bracketed group (complete or
+    // not); kind() and open_char() then describe it.
+    bool group() const { return m_is_group; }
     std::int32_t kind() const { return m_kind; }
     char open_char() const { return m_open; }
     char close_char() const { return m_close; }
@@ -105,6 +108,7 @@ private:
     char m_close = 0;             // its closing character
     char* m_end = nullptr;        // end of the copy (its terminating zero byte)
     char* m_group_end = nullptr;  // just past the current complete group's closing bracket
+    bool m_is_group = false;      // the current token is a bracketed group
 };
 
 // Cuts text at every separator and appends the pieces, the last one after the

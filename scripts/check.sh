@@ -11,7 +11,7 @@ jobs=$(nproc 2>/dev/null || echo 2)
 bash scripts/setup.sh
 
 echo "== format"
-git ls-files -- '*.h' '*.cpp' '*.c' 'foundation/include2/VantroRefcounted' \
+git ls-files -- '*.h' '*.cpp' 'foundation/include2/VantroRefcounted' ':!contrib' \
   | xargs -r clang-format --dry-run -Werror
 
 echo "== build"

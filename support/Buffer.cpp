@@ -26,9 +26,6 @@ void Buffer::_grow(std::size_t bytes) {
 
 void Buffer::length(std::size_t count) {
     _grow(count);
-    if (count > m_length) {
-        std::memset(m_store.data() + m_length, 0, count - m_length);
-    }
     m_length = count;
     m_store[m_length] = '\0';
 }

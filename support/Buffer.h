@@ -25,8 +25,10 @@ public:
     std::size_t length() const { return m_length; }
     bool empty() const { return m_length == 0; }
 
-    // Sets the content length. Growing exposes zero bytes; shrinking keeps the
-    // bytes before the new end. The terminating zero byte follows either way.
+    // Sets the content length. Readers write into data() (after reserve())
+    // and then set the length to what they wrote, so growing keeps the bytes
+    // already in storage (zero where nothing was ever written). The
+    // terminating zero byte follows either way.
     void length(std::size_t count);
     void clear() { length(0); }
 

@@ -1,0 +1,127 @@
+#ifndef ZEMAIL_IMAP_ZE_IMAP_PROCESSOR_H
+#define ZEMAIL_IMAP_ZE_IMAP_PROCESSOR_H
+
+#include <memory>
+#include <ostream>
+#include <string>
+
+#include "imap/ZeImapMimeFwd.h"
+#include "include2/VantroRefcounted"
+#include "support/mime/ContentEncoding.h"
+
+class ZeImapResponseList;
+class ZeImapResponseSelect;
+class ZeImapResponseStatus;
+class ZeImapResponseNoop;
+class ZeImapResponseUIDFetch;
+class ZeImapResponseAppend;
+class ZeImapResponseGetQuota;
+class ZeImapResponseRef;
+
+// A caller's consumer of parsed responses, attached to a command before it is
+// sent. The request hands it every untagged response the command's response
+// object accepted; a processor overrides the kinds it expects. The other kinds
+// log an "UNSUPPORTED" banner and are ignored. A processor never fails an
+// exchange: the completion code is the server's.
+class ZeImapProcessor : public Corvane::RefImpl {
+public:
+    ~ZeImapProcessor() override = default;
+
+    virtual int process(const ZeImapResponseList& response);
+    virtual int process(const ZeImapResponseSelect& response);
+    virtual int process(const ZeImapResponseStatus& response);
+    virtual int process(const ZeImapResponseNoop& response);
+    virtual int process(const ZeImapResponseUIDFetch& response);
+    virtual int process(const ZeImapResponseAppend& response);
+    virtual int process(const ZeImapResponseGetQuota& response);
+
+    // Dispatches on the response's type (List, Select, Status, Noop,
+    // UIDFetch, Append, GetQuota); 0 for an empty handle or another type.
+    int process(const ZeImapResponseRef& response);
+};
+
+class ZeImapProcessorRef : public Corvane::Ref<ZeImapProcessor> {
+public:
+    using Corvane::Ref<ZeImapProcessor>::Ref;
+    ZeImapProcessorRef() = default;
+    ZeImapProcessorRef(const Corvane::Ref<ZeImapProcessor>& other)  // NOLINT: same handle
+        : Corvane::Ref<ZeImapProcessor>(other) {}
+
+    // A handle adopting a newly made processor.
+    template <class P, class... Args>
+    static ZeImapProcessorRef make(Args&&... args) {
+        return ZeImapProcessorRef(
+            Corvane::Ref<ZeImapProcessor>::adopt(new P(std::forward<Args>(args)...)));
+    }
+};
+
+// Processors that accept their own kind silently, so that a command can carry
+// one without logging every answer as unsupported.
+class ZeImapListProcessor : public ZeImapProcessor {
+public:
+    using ZeImapProcessor::process;
+    int process(const ZeImapResponseList&) override { return 0; }
+};
+class ZeImapSelectProcessor : public ZeImapProcessor {
+public:
+    using ZeImapProcessor::process;
+    int process(const ZeImapResponseSelect&) override { return 0; }
+};
+class ZeImapStatusProcessor : public ZeImapProcessor {
+public:
+    using ZeImapProcessor::process;
+    int process(const ZeImapResponseStatus&) override { return 0; }
+};
+class ZeImapNoopProcessor : public ZeImapProcessor {
+public:
+    using ZeImapProcessor::process;
+    int process(const ZeImapResponseNoop&) override { return 0; }
+};
+class ZeImapAppendProcessor : public ZeImapProcessor {
+public:
+    using ZeImapProcessor::process;
+    int process(const ZeImapResponseAppend&) override { return 0; }
+};
+class ZeImapGetQuotaProcessor : public ZeImapProcessor {
+public:
+    using ZeImapProcessor::process;
+    int process(const ZeImapResponseGetQuota&) override { return 0; }
+};
+
+// Sends the message file of an APPEND when the server asks for the literal
+// ("+"): the file in 1024-byte pieces, then the "\r\n" that ends the command
+// line. The caller announced the file's size in the command's arguments.
+// Later continuation lines of the same APPEND send nothing.
+class ZeImapProcessAppend : public ZeImapProcessor {
+public:
+    explicit ZeImapProcessAppend(std::string path) : m_path(std::move(path)) {}
+    using ZeImapProcessor::process;
+    int process(const ZeImapResponseAppend& response) override;
+    bool done() const { return m_done; }
+
+private:
+    bool m_done = false;
+    std::string m_path;
+};
+
+// Turns a fetched body section into content: the section's MIME headers (when
+// fetched) describe a new node; the literal is decoded by the section's
+// Content-Transfer-Encoding into the output stream, when there is one.
+class ZeImapFetchBodySection : public ZeImapProcessor {
+public:
+    // out may be null: then only the node is described.
+    explicit ZeImapFetchBodySection(std::ostream* out = nullptr);
+    ~ZeImapFetchBodySection() override;
+    using ZeImapProcessor::process;
+    int process(const ZeImapResponseUIDFetch& response) override;
+
+    const ZeImapMimeRef& node() const;
+    Corvane::ContentEncoding encoding() const { return m_encoding; }
+
+private:
+    std::unique_ptr<ZeImapMimeRef> m_node;
+    std::ostream* m_out;
+    Corvane::ContentEncoding m_encoding = Corvane::ENCODING_NONE;
+};
+
+#endif

@@ -1,0 +1,7 @@
+#include "support/mime/Email.h"
+
+namespace Corvane {
+
+const char* const EmailLineBreak = "\n";
+
+}  // namespace Corvane

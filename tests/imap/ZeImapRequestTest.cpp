@@ -1,0 +1,240 @@
+// The exchange against scripted servers: small shell scripts that answer each
+// command line the way a broken, hostile or silent server would. Everything a
+// real server answers is tested against Dovecot (ZeImapDovecotTest).
+#include "imap/ZeImapRequest.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+
+#include "support/Debug.h"
+#include "support/Paths.h"
+#include "support/TestUtil.h"
+
+namespace {
+
+class Exchange : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_log = m_dir.path() + "/debug.log";
+        basepp::dbg::set_debug_output(m_log);
+        basepp::dbg::set_debug_zone(basepp::dbg::kZoneImap | basepp::dbg::kLevelTrace);
+    }
+    void TearDown() override {
+        ZeImapConnection::instance()->close();
+        basepp::dbg::set_debug_zone(0);
+        basepp::dbg::set_debug_output("");
+    }
+
+    // Starts, through the connection, a server that greets and then runs
+    // reply (shell) for each command line, with $tag, $cmd and $rest set.
+    ZePipeIO& serve(const std::string& reply, int timeout = 5) {
+        const std::string script =
+            m_dir.write("server.sh",
+                        "#!/bin/sh\ncd '" + m_dir.path() +
+                            "'\nprintf '* PREAUTH ready\\r\\n'\n"
+                            "while IFS= read -r line; do\n  printf '%s\\n' \"$line\" >> lines.txt\n"
+                            "  tag=${line%% *}; rest=${line#* }; cmd=${rest%% *}\n" +
+                            reply + "\ndone\n",
+                        true);
+        zemail::paths::set_imap_program(script);
+        static int users = 0;
+        ZePipeIO& io = ZeImapConnection::instance()->get_io(
+            ZeMailUserId(MAILBOX_TYPE_DEFAULT, "u" + std::to_string(++users)));
+        io.timeout(timeout);
+        Corvane::Buffer greeting;
+        io.readline(greeting);
+        return io;
+    }
+    int pid() { return ZeImapConnection::instance()->program().pid(); }
+    std::string log() { return zetest::read_file(m_log); }
+    std::string received() { return zetest::read_file(m_dir.path() + "/lines.txt"); }
+
+    zetest::TempDir m_dir;
+    std::string m_log;
+};
+
+// --- framing --------------------------------------------------------------
+
+TEST_F(Exchange, CommandLinesAreFramedWithIncreasingTags) {
+    ZePipeIO& io = serve("printf '%s OK done\\r\\n' \"$tag\"");
+    ZeImapRequest request(io);
+    EXPECT_EQ(0, request.request(ImapRequestNoop, ""));
+    const unsigned first = ZeImapTag::m_instance.m_counter;
+    EXPECT_EQ(0, request << ImapRequestList << "\"\" " << '*' << REQUEST_SEND);
+    EXPECT_EQ(0, request.request(ImapRequestUnknown, ""));
+    EXPECT_EQ(0, request.request(ZeImapCommand(static_cast<ZeImapCommand::COMMAND>(99)), "x"));
+    EXPECT_EQ(0, request << ImapRequestNoop << static_cast<REQUEST_CMD>(1));  // not the send marker
+    const std::string n = std::to_string(first);
+    EXPECT_EQ("Ze" + n + " NOOP\nZe" + std::to_string(first + 1) + " LIST \"\" *\nZe" +
+                  std::to_string(first + 2) + " \nZe" + std::to_string(first + 3) + "  x\n",
+              received());
+}
+
+// --- completions ----------------------------------------------------------
+
+TEST_F(Exchange, TaggedNoKeepsTheTextAfterNoWithItsResponseCode) {
+    ZePipeIO& io = serve("printf '%s NO [TRYCREATE] Mailbox does not exist\\r\\n' \"$tag\"");
+    ZeImapRequest request(io);
+    EXPECT_EQ(1, request.request(ImapRequestSelect, "Nope"));
+    EXPECT_TRUE(request.has_error());
+    EXPECT_EQ("[TRYCREATE] Mailbox does not exist", request.last_error());
+    EXPECT_NE(std::string::npos, log().find(":COMMAND NO! (SELECT)"));
+}
+
+TEST_F(Exchange, BadAndUnknownStatusWordsGiveTwo) {
+    ZePipeIO& io = serve(
+        "case \"$rest\" in\n"
+        "  'NOOP 1') printf '%s BAD Error in IMAP command\\r\\n' \"$tag\" ;;\n"
+        "  'NOOP 2') printf '%s WHATEVER\\r\\n' \"$tag\" ;;\n"
+        "  'NOOP 3') printf '%s\\r\\n' \"$tag\" ;;\n"
+        "  *) printf '%s OK\\r\\n' \"$tag\" ;;\nesac");
+    ZeImapRequest request(io);
+    EXPECT_EQ(2, request.request(ImapRequestNoop, "1"));
+    EXPECT_EQ(2, request.request(ImapRequestNoop, "2"));
+    EXPECT_EQ(2, request.request(ImapRequestNoop, "3"));
+    EXPECT_FALSE(request.has_error());
+}
+
+TEST_F(Exchange, UntaggedNoIsRecordedAndANoopWithItReconnects) {
+    ZePipeIO& io = serve("printf '* NO [ALERT] disk is full\\r\\n%s OK done\\r\\n' \"$tag\"");
+    ZeImapRequest request(io);
+    EXPECT_EQ(0, request.request(ImapRequestSelect, "INBOX"));
+    EXPECT_TRUE(request.has_error());
+    EXPECT_EQ("* NO [ALERT] disk is full", request.last_error());
+    const int before = pid();
+    EXPECT_EQ(0, request.request(ImapRequestNoop, ""));
+    EXPECT_NE(before, pid());
+    EXPECT_NE(std::string::npos, log().find("NOOP: unknown imap server error, Reconnecting imap!"));
+    // The request goes on working on the new child.
+    Corvane::Buffer greeting;
+    io.readline(greeting);
+    EXPECT_EQ("* PREAUTH ready", greeting.str());
+}
+
+TEST_F(Exchange, TaggedByeReconnectsAndGivesThree) {
+    ZePipeIO& io = serve("printf '* BYE going\\r\\n%s BYE shutting down\\r\\n' \"$tag\"");
+    ZeImapRequest request(io);
+    const int before = pid();
+    EXPECT_EQ(3, request.request(ImapRequestNoop, ""));
+    EXPECT_NE(before, pid());
+    EXPECT_TRUE(request.responser().isNull());
+}
+
+TEST_F(Exchange, ForeignTagGivesFourAndLeavesTheRestUnread) {
+    ZePipeIO& io = serve("printf 'Ze0 OK stale\\r\\n* 3 EXISTS\\r\\n%s OK done\\r\\n' \"$tag\"");
+    ZeImapRequest request(io);
+    EXPECT_EQ(4, request.request(ImapRequestNoop, ""));
+    usleep(100 * 1000);
+    ZeImapConnection::instance()->close();
+    const std::string text = log();
+    EXPECT_NE(std::string::npos, text.find(":FOUND ANOTHER COMMAND:Ze0 .vs. Ze")) << text;
+    EXPECT_NE(std::string::npos, text.find("!!! Unhandled IMAP response: * 3 EXISTS")) << text;
+}
+
+TEST_F(Exchange, OlderTagOfThisProcessIsForeignToo) {
+    // Ze1 begins the text of a newer tag such as Ze12: tags are compared whole.
+    ZePipeIO& io = serve("printf 'Ze1 OK late answer\\r\\n'");
+    ZeImapRequest request(io);
+    for (int i = 0; i < 11; ++i) {
+        ZeImapTag::m_instance.next();
+    }
+    EXPECT_EQ(4, request.request(ImapRequestNoop, ""));
+}
+
+// --- silence and truncation -----------------------------------------------
+
+TEST_F(Exchange, SilentServerEndsWithZeroAfterTheTimeOut) {
+    ZePipeIO& io = serve(":", 1);
+    ZeImapRequest request(io);
+    auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, request.request(ImapRequestSelect, "INBOX"));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4));
+    auto* select = dynamic_cast<ZeImapResponseSelect*>(request.responser().get());
+    ASSERT_NE(nullptr, select);
+    EXPECT_EQ(0u, select->exists());
+}
+
+TEST_F(Exchange, HangUpInsideALiteralEndsTheExchange) {
+    ZePipeIO& io =
+        serve("printf '* 1 FETCH (UID 5 BODY[HEADER.FIELDS (TO)] {100}\\r\\nabc'; exit 0");
+    ZeImapRequest request(io);
+    EXPECT_EQ(0, request.request(ImapRequestUidFetch, "5 BODY.PEEK[HEADER]"));
+    auto* fetch = dynamic_cast<ZeImapResponseUIDFetch*>(request.responser().get());
+    ASSERT_NE(nullptr, fetch);
+    EXPECT_EQ(5u, fetch->data().uid);
+    EXPECT_EQ("abc", fetch->data().headers.str());
+}
+
+TEST_F(Exchange, LiteralLargerThanWhatFollowsTimesOut) {
+    ZePipeIO& io = serve(
+        "printf '* 1 FETCH (UID 5 BODY[HEADER.FIELDS (TO)] {5000}\\r\\nshort\\r\\n)\\r\\n%s OK "
+        "done\\r\\n' "
+        "\"$tag\"",
+        1);
+    ZeImapRequest request(io);
+    const int code = request.request(ImapRequestUidFetch, "5 BODY.PEEK[HEADER]");
+    auto* fetch = dynamic_cast<ZeImapResponseUIDFetch*>(request.responser().get());
+    ASSERT_NE(nullptr, fetch);
+    // The completion line is swallowed as literal bytes; the read then times
+    // out, which ends the exchange as a missing answer: code 0, and the
+    // literal's partial bytes are not taken for headers.
+    EXPECT_EQ(0, code);
+    EXPECT_EQ(5u, fetch->data().uid);
+    EXPECT_TRUE(fetch->data().headers.empty());
+}
+
+// --- APPEND literal ---------------------------------------------------------
+
+TEST_F(Exchange, AppendSendsTheFileOnceAndEndsTheLine) {
+    for (const std::string& content : {std::string("Subject: hi\r\n\r\nbody\r\n"), std::string()}) {
+        const std::string message = m_dir.write("message.eml", content);
+        ZePipeIO& io = serve(
+            "case \"$cmd\" in\n"
+            "  APPEND) n=${rest##*\\{}; n=${n%\\}}\n"
+            "    printf '+ Ready\\r\\n'; head -c \"$n\" > literal.bin\n"
+            "    printf '+ more?\\r\\n%s OK [APPENDUID 7 12] Append completed.\\r\\n' \"$tag\" ;;\n"
+            "  NOOP) printf '%s OK\\r\\n' \"$tag\" ;;\nesac");
+        ZeImapRequest request(io);
+        ZeImapCommand append(ZeImapCommand::APPEND);
+        auto processor = ZeImapProcessorRef::make<ZeImapProcessAppend>(message);
+        append.set_processor(processor);
+        EXPECT_EQ(0, request.request(append, "INBOX {" + std::to_string(content.size()) + "}"));
+        EXPECT_TRUE(dynamic_cast<ZeImapProcessAppend*>(processor.get())->done());
+        EXPECT_EQ(0, request.request(ImapRequestNoop, ""));  // the stream is still in step
+        EXPECT_EQ(content, zetest::read_file(m_dir.path() + "/literal.bin"));
+        ZeImapConnection::instance()->close();
+    }
+}
+
+// --- connection -------------------------------------------------------------
+
+TEST_F(Exchange, UserWithoutAddressStartsNoChild) {
+    ZePipeIO& io = ZeImapConnection::instance()->get_io(ZeMailUserId());
+    EXPECT_FALSE(ZeImapConnection::instance()->program().is_open());
+    ZeImapRequest request(io);
+    EXPECT_EQ(0, request.request(ImapRequestNoop, ""));
+    const std::string text = log();
+    EXPECT_NE(std::string::npos,
+              text.find("ZeImapConnection::connect() - m_username.address() is empty. user=,pid=" +
+                        std::to_string(getpid()) + ",cmdline="))
+        << text;
+    EXPECT_NE(std::string::npos, text.find("ZeImapRequestTest")) << text;
+}
+
+TEST_F(Exchange, SameUserKeepsTheChildAndAnotherUserReplacesIt) {
+    serve("printf '%s OK\\r\\n' \"$tag\"");
+    const ZeMailUserId first = ZeImapConnection::instance()->user();
+    const int before = pid();
+    ZeImapConnection::instance()->get_io(first);
+    EXPECT_EQ(before, pid());
+    ZeImapConnection::instance()->get_io(ZeMailUserId(MAILBOX_TYPE_DEFAULT, "other"));
+    EXPECT_NE(before, pid());
+    EXPECT_NE(std::string::npos, received().find(" LOGOUT\n"));
+    EXPECT_NE(std::string::npos, log().find("Leaving the previous imap instance..."));
+    EXPECT_TRUE(zetest::zombie_children().empty());
+}
+
+}  // namespace
