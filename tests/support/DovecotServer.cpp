@@ -449,7 +449,29 @@ std::string DovecotServer::default_xfname_plugin() {
 #endif
 }
 
-DovecotServer::DovecotServer(const std::string& xfname_plugin) {
+namespace {
+
+// A fresh directory under $TMPDIR (or /tmp) for one server.
+std::string make_temp_dir() {
+    const char* tmp = std::getenv("TMPDIR");
+    std::string base = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+    while (base.size() > 1 && base.back() == '/')
+        base.pop_back();
+    std::string templ = base + "/zetest-dovecot.XXXXXX";
+    if (!is_plain_path(templ))
+        fail("temporary directory '" + base + "' has characters Dovecot's config cannot take");
+    std::vector<char> name(templ.begin(), templ.end());
+    name.push_back('\0');
+    if (::mkdtemp(name.data()) == nullptr)
+        fail_errno("mkdtemp(" + templ + ")");
+    return name.data();
+}
+
+}  // namespace
+
+DovecotServer::DovecotServer(const std::string& xfname_plugin) : DovecotServer(xfname_plugin, "") {}
+
+DovecotServer::DovecotServer(const std::string& xfname_plugin, const std::string& kept_dir) {
     if (::access(kImapBinary, X_OK) != 0)
         fail_errno(std::string("Dovecot's imap binary is not usable at ") + kImapBinary);
 
@@ -467,18 +489,17 @@ DovecotServer::DovecotServer(const std::string& xfname_plugin) {
         m_owner.gid = ::getegid();
     }
 
-    const char* tmp = std::getenv("TMPDIR");
-    std::string base = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
-    while (base.size() > 1 && base.back() == '/')
-        base.pop_back();
-    std::string templ = base + "/zetest-dovecot.XXXXXX";
-    if (!is_plain_path(templ))
-        fail("temporary directory '" + base + "' has characters Dovecot's config cannot take");
-    std::vector<char> name(templ.begin(), templ.end());
-    name.push_back('\0');
-    if (::mkdtemp(name.data()) == nullptr)
-        fail_errno("mkdtemp(" + templ + ")");
-    m_dir = name.data();
+    if (kept_dir.empty()) {
+        m_dir = make_temp_dir();
+    } else {
+        m_dir = fs::absolute(kept_dir).lexically_normal().string();
+        if (!is_plain_path(m_dir))
+            fail("directory '" + m_dir + "' has characters Dovecot's config cannot take");
+        std::error_code ec;
+        fs::remove_all(m_dir, ec);
+        fs::create_directories(m_dir);
+        m_keep = true;
+    }
 
     try {
         // The mail user must reach everything below the temp directory.
@@ -530,12 +551,15 @@ DovecotServer::DovecotServer(const std::string& xfname_plugin) {
         _write_wrapper();
     } catch (...) {
         std::error_code ec;
-        fs::remove_all(m_dir, ec);
+        if (!m_keep)
+            fs::remove_all(m_dir, ec);
         throw;
     }
 }
 
 DovecotServer::~DovecotServer() {
+    if (m_keep)
+        return;
     std::error_code ec;
     fs::remove_all(m_dir, ec);
 }

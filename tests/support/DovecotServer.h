@@ -45,6 +45,9 @@ public:
     // X-FNAME out of the configuration; a path that does not exist is an error.
     // Throws std::runtime_error when anything cannot be created.
     explicit DovecotServer(const std::string& xfname_plugin = default_xfname_plugin());
+    // The same in the given directory, which is emptied first and kept
+    // afterwards (a store that outlives the program, as the demo needs).
+    DovecotServer(const std::string& xfname_plugin, const std::string& kept_dir);
     ~DovecotServer();
 
     DovecotServer(const DovecotServer&) = delete;
@@ -124,6 +127,7 @@ private:
     std::string m_root;
     std::string m_log;
     Owner m_owner;
+    bool m_keep = false;            // the directory outlives the object
     unsigned long m_delivered = 0;  // uniqueness counter for deliver()
     long long m_last_time = 0;      // keeps delivery names in delivery order
 };
