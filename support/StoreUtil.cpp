@@ -80,7 +80,11 @@ int open_regular(const std::string& path, int flags) {
 }
 
 // Parses a signed decimal number that fills [begin, end) exactly.
+// A leading "+" is accepted, as the server's own reader does.
 bool parse_number(const char* begin, const char* end, long long* value) {
+    if (begin != end && *begin == '+' && end - begin > 1 && begin[1] != '-') {
+        ++begin;
+    }
     if (begin == end) {
         return false;
     }
