@@ -105,6 +105,19 @@ ZeMailUserId::ZeMailUserId(MailBoxType type, const std::string& name) : m_type(t
     m_mailpath = m_homepath + (type == MAILBOX_TYPE_ROTATED ? "/rotate" : "/Maildir");
 }
 
+bool ZeMailUserId::imap_served(int type) {
+    switch (type) {
+        case 0:
+        case 1:
+        case 6:
+        case 7:
+        case 11:
+            return true;
+        default:
+            return false;
+    }
+}
+
 std::string ZeMailUserId::address(bool domain) const {
     if (domain && !m_address.empty() && m_address.find('@') == std::string::npos) {
         return m_address + "@localhost";

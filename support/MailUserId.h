@@ -57,6 +57,9 @@ public:
     int userType() const { return m_type; }
     const std::string& name() const { return m_name; }
     bool valid() const { return !m_mailpath.empty(); }
+    // Whether the IMAP server keeps the mail of users of this type (0, 1, 6,
+    // 7 and 11); the others are read from disk only.
+    static bool imap_served(int type);
     // The address; with domain true, a name without "@" gets "@localhost".
     std::string address(bool domain = false) const;
     const std::string& homepath() const { return m_homepath; }

@@ -19,6 +19,8 @@
 
 #include <boost/filesystem.hpp>
 
+#include "support/MailUserId.h"
+
 namespace {
 
 // The server reads no more than this of a size file; a larger one is
@@ -228,19 +230,6 @@ bool list_folders(const std::string& path, std::vector<Folder>* folders) {
     return true;
 }
 
-bool has_imap_server(int userType) {
-    switch (userType) {
-        case 0:
-        case 1:
-        case 6:
-        case 7:
-        case 11:
-            return true;
-        default:
-            return false;
-    }
-}
-
 bool has_parent_reference(const std::string& path) {
     std::size_t start = 0;
     while (start <= path.size()) {
@@ -419,7 +408,7 @@ int vtl_get_maildirsize(int userType, const char* path, long long* bytes, long l
         return VTL_SIZE_UNREADABLE;
     }
     const int result = vtl_read_mail_folder_size(store + kQuotaFile, bytes, count);
-    if (result == VTL_SIZE_OK || has_imap_server(userType)) {
+    if (result == VTL_SIZE_OK || ZeMailUserId::imap_served(userType)) {
         return result;
     }
     std::vector<Folder> folders;

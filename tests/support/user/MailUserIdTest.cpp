@@ -126,6 +126,14 @@ TEST_F(MailUserIdTest, UnsafeFolderNamesAreRefused) {
     EXPECT_EQ("", ann.mailfolder("/abs"));  // an empty first level
 }
 
+TEST_F(MailUserIdTest, TypesTheServerKeeps) {
+    std::string served;
+    for (int type = -1; type <= 13; ++type) {
+        served += ZeMailUserId::imap_served(type) ? 'y' : '.';
+    }
+    EXPECT_EQ(".yy....yy...y..", served);  // 0, 1, 6, 7, 11
+}
+
 TEST_F(MailUserIdTest, EqualityComparesEveryField) {
     const ZeMailUserId a(MAILBOX_TYPE_DEFAULT, "ann");
     EXPECT_EQ(a, ZeMailUserId(MAILBOX_TYPE_DEFAULT, "ann"));
