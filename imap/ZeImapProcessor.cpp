@@ -4,6 +4,9 @@
 
 #include "imap/ZeImapMime.h"
 #include "imap/ZeImapResponse.h"
+#include "model/ZeMFolder.h"
+#include "model/ZeMUser.h"
+#include "stores/ZeMailImap.h"
 #include "support/Buffer.h"
 #include "support/Debug.h"
 #include "support/Media.h"
@@ -101,8 +104,8 @@ int ZeImapProcessAppend::process(const ZeImapResponseAppend& response) {
 
 // ---------------------------------------------------------------- body section
 
-ZeImapFetchBodySection::ZeImapFetchBodySection(std::ostream* out)
-    : m_node(new ZeImapMimeRef()), m_out(out) {}
+ZeImapFetchBodySection::ZeImapFetchBodySection(std::ostream* out, Corvane::ContentEncoding encoding)
+    : m_node(new ZeImapMimeRef()), m_out(out), m_encoding(encoding) {}
 
 ZeImapFetchBodySection::~ZeImapFetchBodySection() = default;
 
@@ -152,6 +155,67 @@ int ZeImapFetchBodySection::process(const ZeImapResponseUIDFetch& response) {
             decoder->write(piece.data(), static_cast<std::size_t>(got));
         }
         decoder->end();
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------- model feeders
+
+int ZeImapProcessList::process(const ZeImapResponseList& response) {
+    if (m_user == nullptr) {
+        return 0;
+    }
+    // A name the model refuses gives a null folder, which add_folder ignores.
+    const std::string& name = response.name();
+    ZeMFolderRef folder = ZeMFolderRef::create(m_user->id(), name, 0);
+    if (!folder.isNull()) {
+        const std::string::size_type slash = name.rfind('/');
+        if (slash != std::string::npos) {
+            folder->parent(name.substr(0, slash));
+        }
+    }
+    m_user->add_folder(folder);
+    return 0;
+}
+
+int ZeImapProcessStatus::process(const ZeImapResponseStatus& response) {
+    if (m_folder != nullptr) {
+        m_folder->set(response.messages(), response.recent(), response.uidnext(), response.unseen(),
+                      response.size());
+    }
+    return 0;
+}
+
+ZeImapFetchHeaders::ZeImapFetchHeaders(ZeMailBoxImap* mailbox)
+    : m_mailbox(mailbox), m_message(new ZeMessageRef()) {}
+
+ZeImapFetchHeaders::~ZeImapFetchHeaders() = default;
+
+const ZeMessageRef& ZeImapFetchHeaders::message() const {
+    return *m_message;
+}
+
+int ZeImapFetchHeaders::process(const ZeImapResponseUIDFetch& response) {
+    const ZeImapResponseUIDFetch::data_t& record = response.data();
+    ZeMessageFlags flags(0, ZeMessageFlags::REPLACE);
+    flags.set(record.flags);
+    if (flags.test(ZeMessageFlags::DELETED)) {
+        return 0;
+    }
+    Corvane::HeaderContainer headers;
+    Corvane::MediaIn in = Corvane::MediaIn::fromBuffer(record.headers);
+    headers.parse(in);
+    auto* message =
+        new ZeMessageImap(record.uid, record.fname, headers, record.received,
+                          record.size > 0 ? static_cast<unsigned long>(record.size) : 0);
+    ZeMessageRef handle(message);
+    ZeMessageFlags own(0, ZeMessageFlags::REPLACE);
+    own.set(record.flags);
+    handle->flags(own);
+    if (m_mailbox != nullptr) {
+        m_mailbox->add_message(handle);
+    } else {
+        *m_message = handle;
     }
     return 0;
 }

@@ -17,6 +17,10 @@ class ZeImapResponseUIDFetch;
 class ZeImapResponseAppend;
 class ZeImapResponseGetQuota;
 class ZeImapResponseRef;
+class ZeMUser;
+class ZeMFolderImap;
+class ZeMailBoxImap;
+class ZeMessageRef;
 
 // A caller's consumer of parsed responses, attached to a command before it is
 // sent. The request hands it every untagged response the command's response
@@ -109,8 +113,11 @@ private:
 // Content-Transfer-Encoding into the output stream, when there is one.
 class ZeImapFetchBodySection : public ZeImapProcessor {
 public:
-    // out may be null: then only the node is described.
-    explicit ZeImapFetchBodySection(std::ostream* out = nullptr);
+    // out may be null: then only the node is described. encoding decodes the
+    // literal when the answer brings no MIME header of the section (the
+    // caller may know it from the message's structure).
+    explicit ZeImapFetchBodySection(std::ostream* out = nullptr,
+                                    Corvane::ContentEncoding encoding = Corvane::ENCODING_NONE);
     ~ZeImapFetchBodySection() override;
     using ZeImapProcessor::process;
     int process(const ZeImapResponseUIDFetch& response) override;
@@ -122,6 +129,48 @@ private:
     std::unique_ptr<ZeImapMimeRef> m_node;
     std::ostream* m_out;
     Corvane::ContentEncoding m_encoding = Corvane::ENCODING_NONE;
+};
+
+// Adds every folder of a LIST answer to the user (the user is not owned and
+// must outlive the command).
+class ZeImapProcessList : public ZeImapProcessor {
+public:
+    explicit ZeImapProcessList(ZeMUser* user) : m_user(user) {}
+    using ZeImapProcessor::process;
+    int process(const ZeImapResponseList& response) override;
+
+private:
+    ZeMUser* m_user;
+};
+
+// Hands the counters of a STATUS answer to the folder (not owned).
+class ZeImapProcessStatus : public ZeImapProcessor {
+public:
+    explicit ZeImapProcessStatus(ZeMFolderImap* folder) : m_folder(folder) {}
+    using ZeImapProcessor::process;
+    int process(const ZeImapResponseStatus& response) override;
+
+private:
+    ZeMFolderImap* m_folder;
+};
+
+// Turns each FETCH answer of envelope data (UID, X-FNAME, FLAGS, size,
+// arrival time, a header block) into a message. Messages marked \Deleted are
+// dropped. With a mailbox (not owned) each message is added to it; without
+// one the processor keeps the last message itself.
+class ZeImapFetchHeaders : public ZeImapProcessor {
+public:
+    explicit ZeImapFetchHeaders(ZeMailBoxImap* mailbox = nullptr);
+    ~ZeImapFetchHeaders() override;
+    using ZeImapProcessor::process;
+    int process(const ZeImapResponseUIDFetch& response) override;
+
+    // The last message built when there is no mailbox (else null).
+    const ZeMessageRef& message() const;
+
+private:
+    ZeMailBoxImap* m_mailbox;
+    std::unique_ptr<ZeMessageRef> m_message;
 };
 
 #endif

@@ -23,6 +23,8 @@
 #include "include2/VantroRefcounted"
 #include "support/MailUserId.h"
 
+class ZeImapCommand;
+
 // The IMAP quoted-string form of a folder name: between double quotes, with
 // '"' and '\' escaped by a backslash; other bytes go out as they are. False,
 // and out untouched, when the name holds CR, LF or NUL, which no quoted
@@ -97,6 +99,10 @@ public:
     int rename(const std::string& new_name) override;
 
     void set(long messages, long recent, long uidnext, long unseen, long long x_size);
+
+private:
+    // NOOP, then the command with the quoted name as its argument.
+    int _name_command(const ZeImapCommand& command);
 };
 
 class ZeMFolderRef : public Corvane::Ref<ZeMFolder> {

@@ -45,6 +45,10 @@
 class ZeMDirectMessage;
 class ZeMessageRef;
 
+// The UID a decimal message key names; 0 for a key that is not a whole
+// decimal number.
+unsigned long ze_message_key_uid(const std::string& key);
+
 // What a store knows of a message without reading it. Each back-end has its
 // own; an operation it cannot answer throws
 // " <Class>::<operation> - Not Implimented" (code 4).
