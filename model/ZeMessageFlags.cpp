@@ -6,12 +6,18 @@
 
 #include "TokenIterator.h"
 
-std::map<unsigned long, std::string> ZeMessageFlags::m_imapActionFlags;
-std::map<unsigned long, std::string> ZeMessageFlags::m_imapFilterSet;
-std::map<unsigned long, std::string> ZeMessageFlags::m_imapFilterUnSet;
-std::map<unsigned long, unsigned char> ZeMessageFlags::m_maildirFlags;
-std::map<unsigned char, unsigned long> ZeMessageFlags::m_maildirFlagsRev;
-std::map<unsigned char, unsigned long> ZeMessageFlags::m_mboxFlagsRev;
+// Flag values may be made by static objects of other units while the
+// program starts: the tables are constructed before any ordinary static
+// object (and destroyed after them), so init() never fills a map that is
+// not constructed yet.
+#define ZEMAIL_EARLY __attribute__((init_priority(101)))
+std::map<unsigned long, std::string> ZeMessageFlags::m_imapActionFlags ZEMAIL_EARLY;
+std::map<unsigned long, std::string> ZeMessageFlags::m_imapFilterSet ZEMAIL_EARLY;
+std::map<unsigned long, std::string> ZeMessageFlags::m_imapFilterUnSet ZEMAIL_EARLY;
+std::map<unsigned long, unsigned char> ZeMessageFlags::m_maildirFlags ZEMAIL_EARLY;
+std::map<unsigned char, unsigned long> ZeMessageFlags::m_maildirFlagsRev ZEMAIL_EARLY;
+std::map<unsigned char, unsigned long> ZeMessageFlags::m_mboxFlagsRev ZEMAIL_EARLY;
+#undef ZEMAIL_EARLY
 
 namespace {
 

@@ -29,9 +29,9 @@
 // purpose: that is how the mbox files of the appliance were written).
 //
 // The tables are process-wide and built once, on the first construction of a
-// flag value (or an explicit init()); building is guarded, and afterwards the
-// tables are only read, so flag values may then be used from any thread.
-// Do not construct flag values from static initialisers of other units.
+// flag value (or an explicit init()), also when that happens in a static
+// initialiser; building is guarded, and afterwards the tables are only read
+// (lookups never insert), so flag values may be used from any thread.
 class ZeMessageFlags {
 public:
     // Flag bits.

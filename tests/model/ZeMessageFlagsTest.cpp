@@ -10,6 +10,10 @@ namespace {
 
 using F = ZeMessageFlags;
 
+// Built while the program starts, possibly before the unit that holds the
+// tables has been initialised: the tables must survive that.
+const F kMadeAtStart(F::SEEN);
+
 struct BitRow {
     unsigned long bit;
     const char* imap;      // nullptr: no IMAP name
@@ -46,6 +50,11 @@ TEST(ZeMessageFlagsTables, EveryBitHasItsNameAndLetter) {
     EXPECT_EQ(10u, F::m_mboxFlagsRev.size());
     EXPECT_EQ(6u, F::m_imapFilterSet.size());
     EXPECT_EQ(6u, F::m_imapFilterUnSet.size());
+}
+
+TEST(ZeMessageFlagsTables, ValuesMadeAtProgramStartSeeTheTables) {
+    EXPECT_EQ("\\Seen", kMadeAtStart.asImapActionString());
+    EXPECT_EQ(31u, F::m_imapActionFlags.size());
 }
 
 TEST(ZeMessageFlagsTables, BitsWithoutNamesOrLetters) {
