@@ -196,6 +196,11 @@ const ZeMessageRef& ZeImapFetchHeaders::message() const {
 }
 
 int ZeImapFetchHeaders::process(const ZeImapResponseUIDFetch& response) {
+    // An answer still open here was cut short (the server went away in the
+    // middle of it): what it holds cannot be trusted to be whole.
+    if (response.in_fetch()) {
+        return 0;
+    }
     const ZeImapResponseUIDFetch::data_t& record = response.data();
     ZeMessageFlags flags(0, ZeMessageFlags::REPLACE);
     flags.set(record.flags);

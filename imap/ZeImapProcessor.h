@@ -156,8 +156,8 @@ private:
 
 // Turns each FETCH answer of envelope data (UID, X-FNAME, FLAGS, size,
 // arrival time, a header block) into a message. Messages marked \Deleted are
-// dropped. With a mailbox (not owned) each message is added to it; without
-// one the processor keeps the last message itself.
+// dropped, and so is an answer the server broke off. With a mailbox (not owned) each message is
+// added to it; without one the processor keeps the last message itself.
 class ZeImapFetchHeaders : public ZeImapProcessor {
 public:
     explicit ZeImapFetchHeaders(ZeMailBoxImap* mailbox = nullptr);

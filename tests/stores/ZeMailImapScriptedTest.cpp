@@ -1,0 +1,377 @@
+// The IMAP mailbox, folders and users against a scripted server: the exact
+// command texts they send, and what they make of answers Dovecot never
+// gives (no APPENDUID, refusals on demand, a server dying mid-answer).
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "imap/ZeImapRequest.h"
+#include "model/ZeMFolder.h"
+#include "model/ZeMUser.h"
+#include "model/ZeMailBox.h"
+#include "stores/ZeMailImap.h"
+#include "support/Debug.h"
+#include "support/Paths.h"
+#include "support/TestUtil.h"
+#include "tests/support/ScriptedImapServer.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+const std::string kFetchItems = ZeMailBoxImap::INTERESTED_MESSAGED_INFO;
+
+// One complete FETCH answer of envelope data with a header literal.
+Lines fetch_answer(int seq, int uid, const std::string& subject) {
+    const std::string header = "Subject: " + subject + "\r\n\r\n";
+    return {"* " + std::to_string(seq) + " FETCH (UID " + std::to_string(uid) + " X-FNAME 17" +
+                std::to_string(uid) + ".M1P1.host FLAGS (\\Seen) RFC822.SIZE 99 INTERNALDATE " +
+                "\"01-Jan-2024 10:00:00 +0000\" BODY[HEADER.FIELDS (From)] {" +
+                std::to_string(header.size()) + "}",
+            header.substr(0, header.size() - 2), ")"};
+}
+
+Lines join(std::initializer_list<Lines> parts) {
+    Lines out;
+    for (const Lines& part : parts) {
+        out.insert(out.end(), part.begin(), part.end());
+    }
+    return out;
+}
+
+bool has(const Lines& lines, const std::string& line) {
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+bool exists(const std::string& path) {
+    struct stat st;
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+class Scripted : public ::testing::Test {
+protected:
+    void SetUp() override {
+        zemail::paths::set_mail_root(m_root.path());
+        zemail::paths::set_spool_dir(m_root.path());
+        zemail::paths::set_imap_program(m_server.program());
+    }
+    void TearDown() override {
+        ZeImapConnection::instance()->close();
+        basepp::dbg::set_debug_zone(0);
+        basepp::dbg::set_debug_output("");
+        EXPECT_TRUE(zetest::zombie_children().empty());
+    }
+
+    // After a test's own rules: every other folder selects with 3 messages.
+    void serve() {
+        m_server.on("SELECT*", {"* 3 EXISTS", "* 0 RECENT", "$tag OK [READ-WRITE] done"});
+    }
+
+    ZeMailBoxRef box(const std::string& folder = "Inbox") {
+        return ZeMailBoxRef::create("ann", folder, MAILBOX_OPEN_IMAP);
+    }
+    static ZeMailBoxImap& imap(ZeMailBoxRef& mailbox) {
+        return *dynamic_cast<ZeMailBoxImap*>(mailbox.get());
+    }
+    // The commands received after the given count.
+    Lines since(std::size_t count) const {
+        Lines all = m_server.untagged_commands();
+        return Lines(all.begin() + static_cast<long>(std::min(count, all.size())), all.end());
+    }
+    std::string start_log() {
+        const std::string path = m_root.path() + "/debug.log";
+        basepp::dbg::set_debug_output(path);
+        basepp::dbg::set_debug_zone(basepp::dbg::kZoneImap | basepp::dbg::kLevelTrace);
+        return path;
+    }
+
+    zetest::TempDir m_root;
+    zetest::ScriptedImapServer m_server;
+};
+
+// ------------------------------------------------------------ appending
+
+TEST_F(Scripted, AppendWithoutAppendUidTakesTheFoldersHighestUid) {
+    m_server.on("APPEND*", {"$tag OK Append completed."});
+    m_server.on("UID FETCH \\* (UID)", {"* 3 FETCH (UID 41)", "$tag OK done"});
+    serve();
+    const std::string message = "Subject: hi\n\nthere\n";
+    const std::string file = m_root.write("m.eml", message);
+    const std::string log = start_log();
+    ZeMailBoxRef inbox = box();
+    EXPECT_EQ(0,
+              inbox->append(file, ZeMessageFlags(ZeMessageFlags::SEEN | ZeMessageFlags::RECENT)));
+    EXPECT_EQ(41u, imap(inbox).last_append_uid());
+    const Lines sent = m_server.untagged_commands();
+    EXPECT_TRUE(has(sent, "APPEND \"Inbox\" (\\Seen) {" + std::to_string(message.size()) + "}"))
+        << sent.front();
+    EXPECT_EQ(message, m_server.literals());
+    EXPECT_NE(std::string::npos,
+              zetest::read_file(log).find("ZeMailImap::append:1211: APPENDUID not returned"))
+        << zetest::read_file(log);
+}
+
+TEST_F(Scripted, AppendReadsTheUidOfTheAppendUidCodeAndRefusalsFail) {
+    m_server.on("APPEND \"Inbox\"*", {"$tag OK [APPENDUID 1700000000 17] Append completed."});
+    m_server.on("APPEND \"Sent\"*", {"$tag OK [APPENDUID 1700000000 x] odd code"});
+    m_server.on("APPEND \"Full\"*", {"$tag NO [OVERQUOTA] Quota exceeded"});
+    serve();
+    const std::string file = m_root.write("m.eml", "Subject: hi\n\nthere\n");
+    ZeMailBoxRef inbox = box();
+    EXPECT_EQ(0, inbox->append(file, ZeMessageFlags()));
+    EXPECT_EQ(17u, imap(inbox).last_append_uid());
+    EXPECT_TRUE(has(m_server.untagged_commands(), "APPEND \"Inbox\" {19}"));
+
+    // A code that is not a number: the fallback (the scripted fetch finds none).
+    ZeMailBoxRef sent = box("Sent");
+    EXPECT_EQ(0, sent->append(file, ZeMessageFlags()));
+    EXPECT_EQ(0u, imap(sent).last_append_uid());
+
+    ZeMailBoxRef full = box("Full");
+    EXPECT_EQ(4, full->append(file, ZeMessageFlags()));
+    EXPECT_EQ("[OVERQUOTA] Quota exceeded", full->last_error());
+}
+
+// ------------------------------------------------------------ wire texts
+
+TEST_F(Scripted, OpenSendsTheSearchPagesAndOneFetchOfTheUidSet) {
+    m_server.on("UID SEARCH 1:3 UNDELETED", {"* SEARCH 1 2 3", "$tag OK done"});
+    m_server.on("UID FETCH*",
+                join({fetch_answer(1, 1, "a"), fetch_answer(2, 2, "b"), {"$tag OK done"}}));
+    serve();
+    ZeMailBoxRef inbox = box();
+    EXPECT_EQ(1, inbox->open());
+    const Lines sent = m_server.untagged_commands();
+    // 3 messages: n = min(25, 3) equals the total, so the page is 1:3.
+    EXPECT_EQ(
+        (Lines{"SELECT \"Inbox\"", "UID SEARCH 1:3 UNDELETED", "UID FETCH 1:3" + kFetchItems}),
+        sent);
+    inbox->reset();
+    ASSERT_EQ(1, inbox->next());
+    EXPECT_EQ("a", inbox->fetch()->headers().get("Subject"));
+    EXPECT_EQ("171.M1P1.host", inbox->fetch()->basename());
+    EXPECT_EQ(99u, inbox->fetch()->env()->size());
+    EXPECT_GT(inbox->fetch()->received(), 0);
+    ASSERT_EQ(1, inbox->next());
+    EXPECT_EQ(0, inbox->next());
+}
+
+TEST_F(Scripted, MessageOperationsSendTheirCommandsAfterSelecting) {
+    m_server.on("UID FETCH 6 (FLAGS)",
+                {"* 2 FETCH (UID 6 FLAGS (\\Seen \\Recent $label2))", "$tag OK done"});
+    serve();
+    ZeMailBoxRef inbox = box();
+    ZeMailBoxImap& raw = imap(inbox);
+    std::size_t mark = m_server.commands().size();
+    EXPECT_EQ(0, inbox->remove_message("5", true));
+    EXPECT_EQ((Lines{"SELECT \"Inbox\"", "UID STORE 5 +FLAGS (\\Deleted)",
+                     "UID EXPUNGE 5 +FLAGS (\\Deleted)"}),
+              since(mark));
+
+    mark = m_server.commands().size();
+    EXPECT_EQ(0, inbox->clean());
+    EXPECT_EQ((Lines{"SELECT \"Inbox\"", "UID STORE  1:* +FLAGS.SILENT (\\Deleted)"}), since(mark));
+
+    mark = m_server.commands().size();
+    EXPECT_EQ(0, inbox->move_message("4", "Old \"mail\""));
+    EXPECT_EQ("UID MOVE 4 \"Old \\\"mail\\\"\"", since(mark).back());
+
+    mark = m_server.commands().size();
+    EXPECT_EQ(0, inbox->modify_message(
+                     6UL, ZeMessageFlags(ZeMessageFlags::FLAGGED | ZeMessageFlags::ANSWERED,
+                                         ZeMessageFlags::REPLACE)));
+    EXPECT_EQ(
+        (Lines{"SELECT \"Inbox\"", "UID FETCH 6 (FLAGS)", "UID STORE 6 -FLAGS (\\Seen $label2)",
+               "UID STORE 6 +FLAGS (\\Answered \\Flagged)"}),
+        since(mark));
+
+    mark = m_server.commands().size();
+    std::ostringstream out;
+    inbox->retrieve_section(out, 5UL, "1.2");
+    inbox->retrieve_body(out, 5);
+    inbox->retrieve_section_mime(5UL, "2");
+    ZeMessageRef none;
+    inbox->retrieve_mime(none);  // a null message: nothing sent
+    EXPECT_EQ(
+        (Lines{"SELECT \"Inbox\"", "UID FETCH 5 (BODY.PEEK[1.2])", "SELECT \"Inbox\"",
+               "UID FETCH 5 BODY.PEEK[]", "SELECT \"Inbox\"", "UID FETCH 5 (BODY.PEEK[2.mime])"}),
+        since(mark));
+
+    mark = m_server.commands().size();
+    std::string uids;
+    long start = 75;
+    long end = 100;
+    raw._get_undeleted_uid_list(uids, &start, &end);
+    EXPECT_EQ((Lines{"UID SEARCH 75:100 UNDELETED"}), since(mark));
+}
+
+TEST_F(Scripted, TotalMessagesSubtractsTheDeletedAndNeverGoesBelowZero) {
+    m_server.on("STATUS \"Other\"*", {"$tag NO no such folder"});
+    m_server.on("STATUS*", {"* STATUS Inbox (MESSAGES 2)", "$tag OK done"});
+    m_server.on("UID SEARCH DELETED", {"* SEARCH 4 5 6", "$tag OK done"});
+    serve();
+    ZeMailBoxRef inbox = box();
+    EXPECT_EQ(0, inbox->total_messages());
+    const Lines sent = m_server.untagged_commands();
+    EXPECT_TRUE(has(sent, "STATUS \"Inbox\" (messages)"));
+    EXPECT_TRUE(has(sent, "UID SEARCH DELETED"));
+
+    // No STATUS answer at all: 0, without asking for the deleted ones.
+    ZeMailBoxRef other = box("Other");
+    const std::size_t mark = m_server.commands().size();
+    EXPECT_EQ(0, other->total_messages());
+    EXPECT_FALSE(has(since(mark), "UID SEARCH DELETED"));
+}
+
+TEST_F(Scripted, ASelectRefusedThrowsAndIsLogged) {
+    m_server.on("SELECT \"Gone\"", {"$tag NO Mailbox doesn't exist: Gone"});
+    m_server.on("SELECT \"Bad\"", {"$tag BAD bad"});
+    serve();
+    const std::string log = start_log();
+    ZeMailBoxRef gone = box("Gone");
+    try {
+        gone->open();
+        FAIL() << "no exception";
+    } catch (const Corvane::Exception& e) {
+        EXPECT_EQ("Failed to open mailbox!", e.text());
+        EXPECT_EQ(4, e.code());
+    }
+    EXPECT_NE(std::string::npos,
+              zetest::read_file(log).find(
+                  "ZeMailImap::select_imap_folder:1236: Failed to open mailbox Gone"));
+    ZeMailBoxRef bad = box("Bad");
+    EXPECT_THROW(imap(bad).select_folder(), Corvane::Exception);
+    EXPECT_THROW(bad->remove_message("1", false), Corvane::Exception);
+}
+
+// ------------------------------------------------------------ a server dying
+
+TEST_F(Scripted, AServerKilledInTheMiddleOfOpenCostsThatOpenOnly) {
+    m_server.on("UID SEARCH 1:3 UNDELETED", {"* SEARCH 1 2 3", "$tag OK done"});
+    // The first fetch: one whole answer, half of the next, then the server dies.
+    m_server.on("UID FETCH*",
+                join({fetch_answer(1, 1, "a"),
+                      {"* 2 FETCH (UID 2 X-FNAME 172.M1P1.host FLAGS ("},
+                      {"@KILL"}}),
+                true);
+    m_server.on("STATUS*", {"* STATUS Inbox (MESSAGES 9)", "$tag OK done"});
+    m_server.on("UID SEARCH DELETED", {"* SEARCH 1 2", "$tag OK done"});
+    serve();
+    const std::size_t before = zetest::open_descriptors().size();
+
+    ZeMailBoxRef inbox = box();
+    EXPECT_EQ(1, inbox->open());
+    const int first = ZeImapConnection::instance()->program().pid();
+    // What arrived whole is kept; nothing else.
+    inbox->reset();
+    ASSERT_EQ(1, inbox->next());
+    EXPECT_EQ(1u, inbox->fetch()->uid());
+    EXPECT_EQ(0, inbox->next());
+
+    // The next call runs on a new server.
+    EXPECT_EQ(7, inbox->total_messages());
+    EXPECT_NE(first, ZeImapConnection::instance()->program().pid());
+    ZeImapConnection::instance()->close();
+    EXPECT_EQ(before, zetest::open_descriptors().size());
+}
+
+TEST_F(Scripted, AServerThatQuitsBeforeAnsweringSelectGivesAnEmptyMailbox) {
+    m_server.on("SELECT \"Quit\"", {"@EXIT"}, true);
+    m_server.on("UID SEARCH 1:3 UNDELETED", {"* SEARCH 3", "$tag OK done"});
+    m_server.on("UID FETCH*", join({fetch_answer(3, 3, "c"), {"$tag OK done"}}));
+    serve();
+    ZeMailBoxRef quit = box("Quit");
+    // The exchange ends without a tagged answer: an empty, unopened mailbox.
+    EXPECT_EQ(1, quit->open());
+    quit->reset();
+    EXPECT_EQ(0, quit->next());
+    // A second open selects again, on a new server that answers.
+    EXPECT_EQ(1, quit->open());
+    quit->reset();
+    ASSERT_EQ(1, quit->next());
+    EXPECT_EQ(3u, quit->fetch()->uid());
+}
+
+// ------------------------------------------------------------ folders and users
+
+TEST_F(Scripted, FolderCommandsQuoteNamesAndDeferredRemovalHidesTheFolder) {
+    m_server.on("RENAME \"Trash\"*", {"$tag NO [CANNOT] not now"});
+    serve();
+    const ZeMailUserId id(MAILBOX_TYPE_DEFAULT, "ann");
+    const std::string size_file = id.mailpath() + "/maildirsize";
+    m_root.write(size_file.substr(m_root.path().size() + 1), "0S\n");
+
+    ZeMFolderRef work = ZeMFolderRef::create(id, "Work/2019", 0);
+    std::size_t mark = m_server.commands().size();
+    const long long before = static_cast<long long>(std::time(nullptr));
+    EXPECT_EQ(0, work->remove_deferred());
+    const long long after = static_cast<long long>(std::time(nullptr));
+    Lines sent = since(mark);
+    ASSERT_EQ(3u, sent.size());
+    EXPECT_EQ("NOOP", sent[0]);
+    // RENAME "Work/2019" ".deleted.<time>.<pid>.Work.2019", then SELECT it.
+    const std::string prefix = "RENAME \"Work/2019\" \".deleted.";
+    ASSERT_EQ(0u, sent[1].find(prefix)) << sent[1];
+    const std::string hidden = sent[1].substr(std::string("RENAME \"Work/2019\" ").size());
+    const long long when = std::stoll(hidden.substr(std::string("\".deleted.").size()));
+    EXPECT_GE(when, before);
+    EXPECT_LE(when, after);
+    const std::string tail = "." + std::to_string(getpid()) + ".Work.2019\"";
+    EXPECT_EQ(tail, hidden.substr(hidden.size() - tail.size()));
+    EXPECT_EQ("SELECT " + hidden, sent[2]);
+    EXPECT_EQ("Work/2019", work->name());
+    EXPECT_FALSE(exists(size_file));  // the quota is counted afresh
+
+    // A refused rename: no SELECT, quota file untouched.
+    m_root.write(size_file.substr(m_root.path().size() + 1), "0S\n");
+    ZeMFolderRef trash = ZeMFolderRef::create(id, "Trash", 0);
+    mark = m_server.commands().size();
+    EXPECT_EQ(1, trash->remove_deferred());
+    sent = since(mark);
+    ASSERT_EQ(2u, sent.size());
+    EXPECT_EQ(0u, sent[1].find("RENAME \"Trash\" \".deleted.")) << sent[1];
+    EXPECT_TRUE(exists(size_file));
+
+    mark = m_server.commands().size();
+    ZeMFolderRef odd = ZeMFolderRef::create(id, "a \"b\" \\c", 0);
+    EXPECT_EQ(0, odd->create());
+    EXPECT_EQ(0, odd->remove());
+    EXPECT_EQ(0, odd->rename("d"));
+    EXPECT_EQ((Lines{"NOOP", "CREATE \"a \\\"b\\\" \\\\c\"", "NOOP", "DELETE \"a \\\"b\\\" \\\\c\"",
+                     "NOOP", "RENAME \"a \\\"b\\\" \\\\c\" \"d\"", "SELECT \"d\""}),
+              since(mark));
+
+    // Names that cannot travel are refused without a word to the server.
+    mark = m_server.commands().size();
+    ZeMFolderRef broken = ZeMFolderRef::create(id, "a\nb", 0);
+    EXPECT_EQ(4, broken->create());
+    EXPECT_EQ(4, work->rename("x\r\ny"));
+    EXPECT_EQ(4, work->rename("../x"));
+    EXPECT_EQ(0, broken->get_status());
+    EXPECT_TRUE(since(mark).empty());
+}
+
+TEST_F(Scripted, QuotaAnswersAndTheirAbsence) {
+    m_server.on("GETQUOTA*", {"* QUOTA \"\" (STORAGE 12 2048)", "$tag OK done"}, true);
+    m_server.on("GETQUOTA*", {"$tag OK no quota here"});
+    serve();
+    ZeMUserRef ann = ZeMUserRef::createImap("ann");
+    long long count = -1;
+    long long kbytes = -1;
+    EXPECT_EQ(0, ann->get_quota(&count, &kbytes));
+    EXPECT_EQ(2048, count);  // the answer's first number, the limit
+    EXPECT_EQ(12, kbytes);   // the second, the usage
+    EXPECT_TRUE(has(m_server.untagged_commands(), "GETQUOTA \"\""));
+    EXPECT_EQ(4, ann->get_quota(&count, &kbytes));
+    EXPECT_EQ(2048, count);
+    EXPECT_EQ(12, kbytes);
+}
+
+}  // namespace
