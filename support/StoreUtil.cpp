@@ -26,6 +26,8 @@ namespace {
 // The server reads no more than this of a size file; a larger one is
 // rewritten from a recount, so we treat it the same way.
 constexpr std::size_t kMaxSizeFile = 5120;
+// How deep a store is walked when it is counted; deeper folders are left out.
+constexpr int kMaxTreeDepth = 32;
 
 const char kCacheFile[] = "/.vt_folder_size";
 const char kQuotaFile[] = "/.maildirsize";
@@ -230,6 +232,40 @@ bool list_folders(const std::string& path, std::vector<Folder>* folders) {
     return true;
 }
 
+bool is_message_dir(const std::string& name) {
+    return name == "cur" || name == "new" || name == "tmp";
+}
+
+// Adds every Maildir of a tree: the directory itself when it holds cur/,
+// then its subdirectories (Maildir++ folders, or folders of a plain tree),
+// without following links or descending into message directories.
+void add_tree_sizes(const std::string& dir, int depth, long long* bytes, long long* count) {
+    long long messages = 0;
+    if (is_directory(dir + "/cur")) {
+        *bytes = saturating_add(*bytes, std::max(0LL, vtl_get_mailbox_size(dir, &messages)));
+        *count = saturating_add(*count, messages);
+    }
+    DirPtr stream(depth < kMaxTreeDepth ? opendir(dir.c_str()) : nullptr);
+    if (!stream) {
+        return;
+    }
+    std::vector<std::string> subdirs;
+    while (const dirent* entry = readdir(stream.get())) {
+        const std::string name = entry->d_name;
+        if (name == "." || name == ".." || is_message_dir(name) || is_deferred_deletion(name) ||
+            name.compare(0, 2, "..") == 0) {
+            continue;
+        }
+        if (is_real_directory(dir + "/" + name)) {
+            subdirs.push_back(name);
+        }
+    }
+    stream.reset();
+    for (const std::string& name : subdirs) {
+        add_tree_sizes(dir + "/" + name, depth + 1, bytes, count);
+    }
+}
+
 bool has_parent_reference(const std::string& path) {
     std::size_t start = 0;
     while (start <= path.size()) {
@@ -411,21 +447,12 @@ int vtl_get_maildirsize(int userType, const char* path, long long* bytes, long l
     if (result == VTL_SIZE_OK || ZeMailUserId::imap_served(userType)) {
         return result;
     }
-    std::vector<Folder> folders;
-    if (!is_directory(store) || !list_folders(store, &folders)) {
+    if (!is_directory(store)) {
         return VTL_SIZE_UNREADABLE;
     }
-    folders.push_back({"INBOX", store});
     long long total_bytes = 0;
     long long total_count = 0;
-    for (const Folder& folder : folders) {
-        long long messages = 0;
-        const long long size = vtl_get_mailbox_size(folder.dir, &messages);
-        if (size > 0) {
-            total_bytes = saturating_add(total_bytes, size);
-        }
-        total_count = saturating_add(total_count, messages);
-    }
+    add_tree_sizes(store, 0, &total_bytes, &total_count);
     if (bytes != nullptr) {
         *bytes = total_bytes;
     }

@@ -86,9 +86,11 @@ inline int vtl_get_maildir_cache_file(const std::string& dir, char* buffer, std:
 // read as above. When that file is missing or broken, users whose mail the
 // IMAP server keeps (types 0, 1, 6, 7, 11) get an error: the caller asks the
 // server, which rebuilds the file. For every other type nobody keeps the
-// file, so the store is counted instead: the inbox and every folder that
-// vtl_visit_folders reports. Returns 0 and writes the outputs (either may be
-// null), or a VtlSizeResult error and writes nothing.
+// file, so the store is counted instead: every Maildir of the tree at path
+// (the store itself, Maildir++ folders, or the folders of a plain tree), to a
+// depth of 32 levels, without following links and leaving out folders
+// hidden for deferred deletion. Returns 0 and writes the outputs (either may
+// be null), or a VtlSizeResult error and writes nothing.
 int vtl_get_maildirsize(int userType, const char* path, long long* bytes, long long* count);
 inline int vtl_get_maildirsize(int userType, const std::string& path, long long* bytes,
                                long long* count) {

@@ -249,6 +249,24 @@ TEST(StoreMaildirSize, OtherUsersCountTheStore) {
     EXPECT_EQ(-1, vtl_get_maildirsize(4, dir.path() + "/missing", &bytes, &count));
 }
 
+TEST(StoreMaildirSize, PlainTreesAreCountedWithoutFollowingLinks) {
+    zetest::TempDir dir;
+    const std::string tree = dir.path() + "/tree";
+    make_dirs(tree + "/Work/2019");
+    make_dirs(tree + "/Work/2019/Q1");
+    make_dirs(dir.path() + "/elsewhere");
+    dir.write("tree/Work/2019/cur/1", std::string(100, 'x'));
+    dir.write("tree/Work/2019/Q1/new/2", std::string(20, 'x'));
+    dir.write("tree/Work/notes", std::string(999, 'x'));  // not in a Maildir
+    dir.write("elsewhere/cur/3", std::string(5000, 'x'));
+    ASSERT_EQ(0, symlink((dir.path() + "/elsewhere").c_str(), (tree + "/Linked").c_str()));
+    long long bytes = 0;
+    long long count = 0;
+    EXPECT_EQ(0, vtl_get_maildirsize(3, tree, &bytes, &count));
+    EXPECT_EQ(120, bytes);
+    EXPECT_EQ(2, count);
+}
+
 // ---------------------------------------------------------------- folder walk
 
 std::vector<std::string> visit_all(const std::string& path, int options, int* result) {
