@@ -219,6 +219,61 @@ TEST(BodyStructureParse, MalformedGivesPartialTree) {
     });
 }
 
+// Answers Dovecot gave for broken or unusual messages of the real-message
+// corpus (see ZeImapCorpusDovecotTest, which checks every tree against Dovecot).
+TEST(BodyStructureParse, WhatDovecotSendsForOddMessages) {
+    check_cases({
+        // A Content-Type Dovecot cannot read gives what it could read of the
+        // type, or ""; without a file name there is no node.
+        {"(\"{}\" \"\" NIL NIL NIL \"base64\" 18 NIL NIL NIL NIL)", ""},
+        {"(\"foo\" \"\" NIL NIL NIL \"7bit\" 0 NIL NIL NIL NIL)", ""},
+        // A part of an unknown media type is left out; the parts after it keep
+        // their numbers.
+        {"((\"text\" \"plain\" (\"charset\" \"us-ascii\") NIL NIL \"7bit\" 45 4 NIL NIL NIL NIL)"
+         "(\"binary\" \"octet-stream\" NIL NIL NIL \"base64\" 10 NIL NIL NIL NIL)"
+         "(\"\" \"\" NIL NIL NIL \"base64\" 723 NIL (\"attachment\" (\"filename\" "
+         "\"Invoice.pdf\")) "
+         "NIL NIL)(\"image\" \"png\" NIL NIL NIL \"base64\" 20 NIL NIL NIL NIL) \"mixed\" "
+         "(\"boundary\" \"b\") NIL NIL NIL)",
+         "multipart/mixed[text/plain;1;7bit;45;4,none/?;3;base64;723;attachment=Invoice.pdf,"
+         "image/png;4;base64;20]"},
+        // The empty part Dovecot invents for a multipart without a usable boundary.
+        {"((\"text\" \"plain\" (\"charset\" \"us-ascii\") NIL NIL \"7bit\" 0 0 NIL NIL NIL NIL) "
+         "\"report\" (\"report-type\" \"delivery-status\") NIL NIL NIL)",
+         "multipart/report[text/plain;1;7bit;0;0]"},
+        // Only message/rfc822 reads past the size: a delivery status keeps no
+        // disposition. An envelope without subject names the message NIL.eml.
+        {"((\"message\" \"delivery-status\" NIL NIL NIL \"7bit\" 150 NIL (\"attachment\" "
+         "(\"filename\" \"details.txt\")) NIL NIL)(\"message\" \"rfc822\" (\"name\" \"md5.md\") "
+         "\"<id@x>\" \"\" \"7bit\" 19 (NIL NIL NIL NIL NIL NIL NIL NIL NIL NIL) (\"text\" "
+         "\"plain\" (\"charset\" \"us-ascii\") NIL NIL \"7bit\" 0 0 NIL NIL NIL NIL) 2 NIL NIL NIL "
+         "NIL) \"mixed\" (\"boundary\" \"b\") NIL NIL NIL)",
+         "multipart/mixed[message/delivery-status;1;7bit;150;0,message/rfc822;2;7bit;19;2;-=NIL."
+         "eml]"},
+        // Language and location extension data after a part and a multipart.
+        {"((\"text\" \"plain\" (\"charset\" \"utf-8\" \"format\" \"flowed\") NIL NIL \"7bit\" 23 2 "
+         "NIL NIL (\"en-US\") \"http://x/mixed\")(\"image\" \"jpeg\" (\"name\" \"a.jpeg\") NIL NIL "
+         "\"base64\" 14310 NIL (\"attachment\" (\"filename\" \"a.jpeg\")) NIL NIL) \"mixed\" "
+         "(\"boundary\" \"--\") NIL (\"en-US\" \"de\") NIL)",
+         "multipart/mixed[text/plain;1;7bit;23;2,image/jpeg;2;base64;14310;attachment=a.jpeg]"},
+    });
+
+    // Parameter keys are matched by their beginning: an RFC 2231 "charset*",
+    // which Dovecot passes on raw, counts until a plain "charset" follows.
+    ZeImapMimeRef text = parse(
+        "(\"text\" \"plain\" (\"charset*\" \"bogus''utf-8%E2%80%9D\" \"charset\" \"us-ascii\") NIL "
+        "NIL \"7bit\" 0 0 NIL NIL NIL NIL)");
+    ASSERT_TRUE(text);
+    EXPECT_EQ(text->content_type().charset, "us-ascii");
+    ZeImapMimeRef foo = parse(
+        "(\"application\" \"x-foo\" (\"name*\" \"us-ascii'en-us'My Document\" \"name\" "
+        "\"a\" \"name\" \"b\") NIL NIL \"7bit\" 0 NIL NIL NIL NIL)");
+    ASSERT_TRUE(foo);
+    EXPECT_EQ(foo->content_type().name, "b");
+    EXPECT_EQ(foo->content_type().content_id, "NIL");
+    EXPECT_EQ(foo->content_type().description, "NIL");
+}
+
 TEST(BodyStructureParse, HostileDepthAndWidthAreBounded) {
     // 10,000 nested multiparts: the tree stops at the nesting limit.
     std::string deep = std::string(10000, '(') + kPlain1;
