@@ -209,9 +209,9 @@ private:
     void _forget(unsigned long uid);
 
     unsigned char m_opened = 0;
-    unsigned char m_create = 0;
-    unsigned char m_option1 = 0;
-    std::string m_quoted_folder;  // "" when the name cannot be sent
+    [[maybe_unused]] unsigned char m_create = 0;   // kept: folders are created through ZeMFolder
+    [[maybe_unused]] unsigned char m_option1 = 0;  // kept for callers that set it
+    std::string m_quoted_folder;                   // "" when the name cannot be sent
     std::string m_scratch;
     std::list<ZeMessageRef> m_messages;
     std::list<ZeMessageRef>::iterator m_cursor;
