@@ -11,7 +11,7 @@
 //   ImapMimeParser parser(&feeder);      // or nullptr: no continuation lines
 //   parser.parse(items);                 // items stands on the BODYSTRUCTURE list
 //   ZeImapMimeRef tree = parser.root();
-//   ZeImapMimeRef& pdf = tree.find("2"); // empty handle when there is no part 2
+//   ZeImapMimeRef& pdf = tree.find("2"); // empty handle when there is no section 2
 //
 // Write side: the composer builds a tree of nodes, gives leaves their content
 // (set_body_content, set_attach_file), numbers the tree (assign_section_id),

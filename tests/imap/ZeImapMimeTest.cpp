@@ -398,7 +398,7 @@ TEST(MimeTree, SectionsAndPlacement) {
     add(ContentType::MULTIPART, "");
     add(ContentType::MULTIPART, "1");
     add(ContentType::IMAGE, "1.1");
-    add(ContentType::AUDIO, "3.1");  // no part 3: dropped
+    add(ContentType::AUDIO, "3.1");  // no section 3: dropped
     ZeImapMimeRef replaced = add(ContentType::VIDEO, "1");
     EXPECT_EQ(compact(root), "multipart/?[video/?;1;none;0]");
 

@@ -155,20 +155,20 @@ Invocation parse_command_line(const std::vector<std::string>& argv) {
             name.erase(equals);
             has_value = true;
         }
-        const OptionSpec* spec = find_option(global_options(), name);
-        if (spec == nullptr && command != nullptr) {
-            spec = find_option(command->options, name);
+        const OptionSpec* option = find_option(global_options(), name);
+        if (option == nullptr && command != nullptr) {
+            option = find_option(command->options, name);
         }
-        if (spec == nullptr) {
+        if (option == nullptr) {
             throw UsageError("unknown option '--" + name + "'" +
                              (command ? " for " + command->name : std::string()));
         }
-        if (spec->takes_value && !has_value) {
+        if (option->takes_value && !has_value) {
             if (i + 1 >= argv.size()) {
                 throw UsageError("--" + name + " needs a value");
             }
             value = argv[++i];
-        } else if (!spec->takes_value && has_value) {
+        } else if (!option->takes_value && has_value) {
             throw UsageError("--" + name + " takes no value");
         }
         if (name == "help") {
