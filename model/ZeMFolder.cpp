@@ -27,7 +27,7 @@ std::unique_ptr<ZeImapRequest> session_request(const ZeMailUserId& id) {
         return nullptr;
     }
     std::unique_ptr<ZeImapRequest> request(new ZeImapRequest(*io));
-    request->request(ImapRequestNoop, "");
+    ze_imap_noop(*request, id);
     return request;
 }
 

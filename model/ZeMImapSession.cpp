@@ -36,3 +36,20 @@ ZePipeIO* ze_imap_session(const ZeMailUserId& id) {
     }
     return &io;
 }
+
+bool ze_imap_recover(const ZeMailUserId& id) {
+    ZeImapConnection* connection = ZeImapConnection::instance();
+    if (!connection->program().is_open() || connection->user() != id ||
+        !hung_up(connection->program().io())) {
+        return false;
+    }
+    basepp::dbg::debug("ZeMImapSession", __LINE__, "ze_imap_recover",
+                       "imap child of %s left, starting a new one", id.address().c_str());
+    connection->reconnect();
+    return true;
+}
+
+int ze_imap_noop(ZeImapRequest& request, const ZeMailUserId& id) {
+    const int result = request.request(ImapRequestNoop, "");
+    return ze_imap_recover(id) ? request.request(ImapRequestNoop, "") : result;
+}

@@ -14,6 +14,15 @@
 // served (no address).
 ZePipeIO* ze_imap_session(const ZeMailUserId& id);
 
+// True, with a new child started, when the child serving id has gone (it
+// may say BYE and leave after a command, e.g. when its selected folder was
+// deleted); false while it lives or when it serves another user.
+bool ze_imap_recover(const ZeMailUserId& id);
+
+// NOOP on the request, which logs the session in; when the server went away
+// meanwhile, once more on a new child. The last NOOP's completion code.
+int ze_imap_noop(ZeImapRequest& request, const ZeMailUserId& id);
+
 // Sets the request's time-out and puts the default (60 seconds) back when it
 // goes, also when the request fails or throws.
 class ZeImapTimeoutGuard {

@@ -15,6 +15,13 @@
 #include "support/Exception.h"
 #include "support/StoreUtil.h"
 
+// The plain Maildir tree is scanned by the Maildir back-end's unit, once it
+// is part of the library.
+#if __has_include("stores/ZeMaildir.h")
+#include "stores/ZeMaildir.h"
+#define ZEMAIL_HAVE_MAILDIR 1
+#endif
+
 namespace {
 
 const char* const kUnit = "ZeMUser";
@@ -23,6 +30,13 @@ bool exists(const std::string& path) {
     struct stat st;
     return ::stat(path.c_str(), &st) == 0;
 }
+
+#ifdef ZEMAIL_HAVE_MAILDIR
+bool is_directory(const std::string& path) {
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+#endif
 
 long long kib(long long bytes) {
     return (bytes + 1023) / 1024;
@@ -218,7 +232,7 @@ int ZeMUserImap::get_quota(long long* count, long long* kbytes) {
         return 4;
     }
     ZeImapRequest request(*io);
-    request.request(ImapRequestNoop, "");
+    ze_imap_noop(request, m_id);
     ZeImapCommand getquota(ZeImapCommand::GETQUOTA);
     ZeImapProcessorRef seen = ZeImapProcessorRef::make<QuotaSeen>();
     getquota.set_processor(seen);
@@ -268,7 +282,7 @@ int ZeMUserImap::open() {
     ZeImapCommand list(ZeImapCommand::LIST);
     list.set_processor(ZeImapProcessorRef::make<ZeImapProcessList>(this));
     ZeImapRequest request(*io);
-    request.request(ImapRequestNoop, "");
+    ze_imap_noop(request, m_id);
     return request.request(list, "\"\" \"*\"");
 }
 
@@ -296,11 +310,20 @@ int ZeMUserDirect::get_quota(long long* count, long long* kbytes) {
 
 int ZeMUserDirect::open() {
     switch (m_id.type()) {
-        case MAILBOX_TYPE_ARCHIVE:
         case MAILBOX_TYPE_MAILDIR:
+#ifdef ZEMAIL_HAVE_MAILDIR
+            if (is_directory(m_id.mailpath())) {
+                // The scanner holds the user by handle while it runs; the
+                // handle adds a count, so the user outlives it either way.
+                MaildirProcessor scanner(ZeMUserRef(Corvane::Ref<ZeMUser>(this)), m_id.mailpath());
+                scanner.process(m_id.mailpath());
+            }
+#endif
+            break;
+        case MAILBOX_TYPE_ARCHIVE:
         case MAILBOX_TYPE_ROTATED:
-            // Archive folders, plain Maildir trees and rotated folders are
-            // listed by their own back-ends, which this build does not have.
+            // Archive folders and rotated folders are listed by the archive
+            // back-end, which this library does not have yet.
             break;
         default:
             vtl_visit_folders(m_id.mailpath(), 0, add_visited_folder, this);

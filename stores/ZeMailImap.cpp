@@ -263,6 +263,10 @@ int ZeMailBoxImap::select_imap_folder(long* exists, long* recent, long* uidnext)
     if (!m_quoted_folder.empty() && _session()) {
         ZeImapTimeoutGuard timeout(m_request, kDefaultTimeout);
         result = m_request.request(ImapRequestSelect, m_quoted_folder);
+        // A server that left instead of answering gets one more chance.
+        if (result == 0 && ze_imap_recover(m_user->id())) {
+            result = m_request.request(ImapRequestSelect, m_quoted_folder);
+        }
     }
     if (result != 0) {
         basepp::dbg::debug(kUnit, kLineSelect, "select_imap_folder", "Failed to open mailbox %s",
@@ -498,7 +502,7 @@ long ZeMailBoxImap::total_messages() {
     if (m_quoted_folder.empty() || !_session()) {
         return 0;
     }
-    m_request.request(ImapRequestNoop, "");
+    ze_imap_noop(m_request, m_user->id());
     ZeImapCommand status(ZeImapCommand::STATUS);
     ZeImapProcessorRef reader = ZeImapProcessorRef::make<StatusReader>();
     status.set_processor(reader);
@@ -798,7 +802,7 @@ int ZeMailBoxImap::append(const std::string& file, const ZeMessageFlags& flags) 
     if (m_quoted_folder.empty() || !_session()) {
         return 4;
     }
-    m_request.request(ImapRequestNoop, "");
+    ze_imap_noop(m_request, m_user->id());
     const ZeMessageFlags storable(flags.flags & kStorable);
     const std::string names = storable.asImapActionString();
     std::string args = m_quoted_folder;

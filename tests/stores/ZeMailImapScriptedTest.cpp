@@ -282,21 +282,31 @@ TEST_F(Scripted, AServerKilledInTheMiddleOfOpenCostsThatOpenOnly) {
     EXPECT_EQ(before, zetest::open_descriptors().size());
 }
 
-TEST_F(Scripted, AServerThatQuitsBeforeAnsweringSelectGivesAnEmptyMailbox) {
+TEST_F(Scripted, AServerThatQuitsInsteadOfSelectingIsReplacedOnce) {
     m_server.on("SELECT \"Quit\"", {"@EXIT"}, true);
+    m_server.on("SELECT \"Never\"", {"@EXIT"});
     m_server.on("UID SEARCH 1:3 UNDELETED", {"* SEARCH 3", "$tag OK done"});
     m_server.on("UID FETCH*", join({fetch_answer(3, 3, "c"), {"$tag OK done"}}));
     serve();
+    // The first server leaves; the SELECT is sent again to a new one.
     ZeMailBoxRef quit = box("Quit");
-    // The exchange ends without a tagged answer: an empty, unopened mailbox.
     EXPECT_EQ(1, quit->open());
-    quit->reset();
-    EXPECT_EQ(0, quit->next());
-    // A second open selects again, on a new server that answers.
-    EXPECT_EQ(1, quit->open());
+    const Lines first = m_server.untagged_commands();
+    ASSERT_LE(2u, first.size());
+    EXPECT_EQ((Lines{"SELECT \"Quit\"", "SELECT \"Quit\""}),
+              Lines(first.begin(), first.begin() + 2));
     quit->reset();
     ASSERT_EQ(1, quit->next());
     EXPECT_EQ(3u, quit->fetch()->uid());
+
+    // A server that leaves every time: one retry, then an empty mailbox that
+    // is not marked open, and no hang.
+    ZeMailBoxRef never = box("Never");
+    EXPECT_EQ(1, never->open());
+    never->reset();
+    EXPECT_EQ(0, never->next());
+    const Lines sent = m_server.untagged_commands();
+    EXPECT_EQ(2, std::count(sent.begin(), sent.end(), "SELECT \"Never\""));
 }
 
 // ------------------------------------------------------------ folders and users
