@@ -3,12 +3,16 @@
 #include <algorithm>
 #include <cctype>
 #include <exception>
+#include <memory>
+#include <vector>
 
 #include "model/ZeMailBox.h"
 #include "support/mime/ContentDisposition.h"
 #include "support/mime/ContentEncoding.h"
 #include "support/mime/ContentType.h"
 #include "support/mime/Encoders.h"
+#include "support/mime/MimePart.h"
+#include "support/mime/Rfc822MsgParser.h"
 #include "support/mime/Rfc2047.h"
 
 namespace zem_search {
@@ -131,35 +135,64 @@ std::string decoded_value(const std::string& value) {
     return vantro_decode_rfc2047(value);
 }
 
-std::string searchable_body(ZeMDirectMessage& message) {
-    Corvane::MediaIn in = message.media();
-    if (in.isNull()) {
-        return std::string();
+bool headers_contain(const Corvane::HeaderContainer& headers, const std::string& needle) {
+    for (const Corvane::Header& header : headers.headers()) {
+        if (contains(header.name() + ": " + decoded_value(header.value()), needle)) {
+            return true;
+        }
     }
-    Corvane::HeaderContainer headers;
-    headers.parse(in);  // leaves the stream on the body
-    std::string body;
+    return false;
+}
+
+std::string read_message(ZeMDirectMessage& message) {
+    Corvane::MediaIn in = message.media();
+    std::string bytes;
+    if (in.isNull()) {
+        return bytes;
+    }
     char chunk[65536];
-    while (body.size() < kMaxBodyBytes) {
-        const long got = in->read(chunk, std::min(sizeof chunk, kMaxBodyBytes - body.size()));
+    while (bytes.size() < kMaxMessageBytes) {
+        const long got = in->read(chunk, std::min(sizeof chunk, kMaxMessageBytes - bytes.size()));
         if (got <= 0) {
             break;
         }
-        body.append(chunk, static_cast<std::size_t>(got));
+        bytes.append(chunk, static_cast<std::size_t>(got));
     }
-    const Corvane::ContentType type(headers.get("Content-Type"));
-    if (type.mediaType() == Corvane::ContentType::MULTIPART) {
-        return body;
-    }
-    const Corvane::ContentEncoding encoding =
-        Corvane::stringAsEncoding(headers.get("Content-Transfer-Encoding"));
-    std::string decoded = Corvane::decode_string(encoding, body);
-    const std::string charset = type.charset();
+    return bytes;
+}
+
+std::string part_text(const std::string& bytes, const Corvane::MimePart& part) {
+    const Corvane::MimeExtent& body = part.body();
+    const std::string stored = bytes.substr(body.offset, body.length);
+    std::string decoded = Corvane::decode_string(part.encoding(), stored);
     std::string converted;
-    if (!charset.empty() && Corvane::convert_to_utf8(charset, decoded, converted)) {
+    if (Corvane::convert_to_utf8(part.charset(), decoded, converted)) {
         return converted;
     }
     return decoded;
+}
+
+bool text_contains(const std::string& bytes, const std::string& needle) {
+    const std::unique_ptr<Corvane::MimePart> root =
+        Corvane::Rfc822MsgParser().parse(bytes.data(), bytes.size());
+    std::vector<const Corvane::MimePart*> pending{root.get()};
+    while (!pending.empty()) {
+        const Corvane::MimePart* part = pending.back();
+        pending.pop_back();
+        if (headers_contain(part->headers(), needle)) {
+            return true;
+        }
+        if (part->kind() == Corvane::MimePart::LEAF && !part->overflow() &&
+            (part->mediaType() == Corvane::ContentType::TEXT ||
+             part->mediaType() == Corvane::ContentType::MESSAGE) &&
+            contains(part_text(bytes, *part), needle)) {
+            return true;
+        }
+        for (const auto& child : part->children()) {
+            pending.push_back(child.get());
+        }
+    }
+    return false;
 }
 
 }  // namespace zem_search
@@ -190,14 +223,11 @@ bool FZeMSearchText::match(ZeMessageEnv& /*envelope*/) {
 }
 
 bool FZeMSearchText::match(ZeMessageBase& message) {
-    for (const Corvane::Header& header : message.headers().headers()) {
-        if (zem_search::contains(header.name() + ": " + zem_search::decoded_value(header.value()),
-                                 m_text)) {
-            return true;
-        }
-    }
     auto* direct = dynamic_cast<ZeMDirectMessage*>(&message);
-    return direct != nullptr && zem_search::contains(zem_search::searchable_body(*direct), m_text);
+    if (direct == nullptr) {
+        return zem_search::headers_contain(message.headers(), m_text);
+    }
+    return zem_search::text_contains(zem_search::read_message(*direct), m_text);
 }
 
 // ---- FZeMStatus ------------------------------------------------------------

@@ -41,8 +41,8 @@ namespace zem_search {
 
 // The longest text a filter or scope accepts.
 constexpr std::size_t kMaxTextBytes = 4096;
-// A direct message's body is searched up to this many bytes.
-constexpr std::size_t kMaxBodyBytes = 16u << 20;
+// A direct message is searched up to this many bytes.
+constexpr std::size_t kMaxMessageBytes = 32u << 20;
 
 // True when text can go to the server: at most kMaxTextBytes, well-formed
 // UTF-8 (ASCII included), no CR, LF or NUL.
@@ -59,20 +59,27 @@ bool contains(const std::string& haystack, const std::string& needle);
 // The header's value with its RFC 2047 words decoded to UTF-8.
 std::string decoded_value(const std::string& value);
 
-// The body of a direct message, decoded for searching: a single-part body is
-// decoded from its transfer encoding and converted to UTF-8 from its charset;
-// a multipart body comes as stored. At most kMaxBodyBytes are read.
-std::string searchable_body(ZeMDirectMessage& message);
+// True when a header field, as "Name: value" with the value's RFC 2047 words
+// decoded, contains needle.
+bool headers_contain(const Corvane::HeaderContainer& headers, const std::string& needle);
+// A direct message's bytes, at most kMaxMessageBytes.
+std::string read_message(ZeMDirectMessage& message);
+// True when the message in bytes contains needle where the server looks for
+// TEXT: in the header fields of the message and of every part (words
+// decoded), and in the body of every text part, decoded from its transfer
+// encoding and converted to UTF-8 from its charset, and of every message part
+// kept whole (delivery-status, partial, rfc822-headers). Other bodies (images,
+// signatures, application data) are not searched.
+bool text_contains(const std::string& bytes, const std::string& needle);
 
 }  // namespace zem_search
 
 // Messages whose headers or body contain the text: "TEXT \"text\"".
-// Locally the header fields ("Name: value", words decoded) and, for a direct
-// message, the body (see zem_search::searchable_body) are searched; other
-// messages are matched on their headers only. The server decodes every part
-// of a multipart message and folds case beyond ASCII: locally a base64 or
-// quoted-printable part inside a multipart is searched as stored, and a
-// non-ASCII letter matches only itself.
+// Locally a direct message is parsed into its parts and searched as
+// zem_search::text_contains says, as the server does; other messages are
+// matched on their headers only. The server folds case beyond ASCII (and
+// treats a few decoding details its own way): locally a non-ASCII letter
+// matches only itself.
 class FZeMSearchText : public ZeMFilterImpl {
 public:
     static ZeMFilterRef create(const std::string& text);
