@@ -163,7 +163,10 @@ std::string read_message(ZeMDirectMessage& message) {
 
 std::string part_text(const std::string& bytes, const Corvane::MimePart& part) {
     const Corvane::MimeExtent& body = part.body();
-    const std::string stored = bytes.substr(body.offset, body.length);
+    if (body.offset >= bytes.size()) {
+        return std::string();
+    }
+    const std::string stored = bytes.substr(body.offset, body.length);  // length is clamped
     std::string decoded = Corvane::decode_string(part.encoding(), stored);
     std::string converted;
     if (Corvane::convert_to_utf8(part.charset(), decoded, converted)) {
@@ -179,6 +182,9 @@ bool text_contains(const std::string& bytes, const std::string& needle) {
     while (!pending.empty()) {
         const Corvane::MimePart* part = pending.back();
         pending.pop_back();
+        if (part == nullptr) {
+            continue;
+        }
         if (headers_contain(part->headers(), needle)) {
             return true;
         }
