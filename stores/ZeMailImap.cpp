@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -60,17 +62,35 @@ std::vector<std::string> split_uids(const std::string& uids) {
     return out;
 }
 
-// "1,2,3,7,8" becomes "1:3,7:8": the same set in a line that stays short
-// for large folders.
-std::string as_uid_set(const std::string& uids) {
+// The value of a text of decimal digits only; 0 for anything else and for
+// values that do not fit.
+unsigned long digits_value(const std::string& text) {
+    if (text.empty() || text.size() > 20 ||
+        text.find_first_not_of("0123456789") != std::string::npos) {
+        return 0;
+    }
+    errno = 0;
+    const unsigned long value = std::strtoul(text.c_str(), nullptr, 10);
+    return errno == ERANGE ? 0 : value;
+}
+
+}  // namespace
+
+std::string ze_uid_set(const std::string& uids) {
+    std::vector<unsigned long> numbers;
+    for (const std::string& item : split_uids(uids)) {
+        const unsigned long uid = digits_value(item);
+        if (uid != 0) {
+            numbers.push_back(uid);
+        }
+    }
     std::string out;
-    const std::vector<std::string> list = split_uids(uids);
     std::size_t i = 0;
-    while (i < list.size()) {
-        const unsigned long first = std::strtoul(list[i].c_str(), nullptr, 10);
+    while (i < numbers.size()) {
+        const unsigned long first = numbers[i];
         unsigned long last = first;
         std::size_t j = i + 1;
-        while (j < list.size() && std::strtoul(list[j].c_str(), nullptr, 10) == last + 1) {
+        while (j < numbers.size() && last < ULONG_MAX && numbers[j] == last + 1) {
             ++last;
             ++j;
         }
@@ -85,6 +105,8 @@ std::string as_uid_set(const std::string& uids) {
     }
     return out;
 }
+
+namespace {
 
 // Keeps the flags of the FETCH answer for one UID.
 class FlagsReader : public ZeImapProcessor {
@@ -167,24 +189,26 @@ private:
     Corvane::MediaOut& m_out;
 };
 
-// The UID of a "[APPENDUID <validity> <uid>]" code in the tagged answer.
-unsigned long appended_uid(const std::string& line) {
-    const std::string::size_type at = line.find("[APPENDUID ");
+}  // namespace
+
+unsigned long ze_appended_uid(const std::string& line) {
+    static const std::string kCode = "[APPENDUID ";
+    const std::string::size_type at = line.find(kCode);
     if (at == std::string::npos) {
         return 0;
     }
-    const char* p = line.c_str() + at + std::strlen("[APPENDUID ");
-    char* end = nullptr;
-    std::strtoul(p, &end, 10);  // the UIDVALIDITY
-    if (end == p || *end != ' ') {
+    // "<validity> <uid>]": two runs of digits.
+    const std::string::size_type validity = at + kCode.size();
+    const std::string::size_type blank = line.find(' ', validity);
+    if (blank == std::string::npos || digits_value(line.substr(validity, blank - validity)) == 0) {
         return 0;
     }
-    p = end + 1;
-    const unsigned long uid = std::strtoul(p, &end, 10);
-    return end != p && *end == ']' ? uid : 0;
+    const std::string::size_type close = line.find(']', blank + 1);
+    if (close == std::string::npos) {
+        return 0;
+    }
+    return digits_value(line.substr(blank + 1, close - blank - 1));
 }
-
-}  // namespace
 
 const char* const ZeMailBoxImap::INTERESTED_MESSAGED_INFO =
     " (UID X-FNAME FLAGS RFC822.SIZE INTERNALDATE BODY.PEEK[HEADER.FIELDS (From To Cc Bcc "
@@ -313,7 +337,7 @@ int ZeMailBoxImap::open() {
 
     ZeImapCommand fetch(ZeImapCommand::UID_FETCH);
     fetch.set_processor(ZeImapProcessorRef::make<ZeImapFetchHeaders>(this));
-    if (m_request.request(fetch, as_uid_set(uids) + INTERESTED_MESSAGED_INFO) != 0) {
+    if (m_request.request(fetch, ze_uid_set(uids) + INTERESTED_MESSAGED_INFO) != 0) {
         basepp::dbg::debug(kUnit, kLineOpenFetch, "open", "ZeMailBoxImap::open() UID FETCH failed");
     }
     m_cursor = m_messages.begin();
@@ -815,7 +839,7 @@ int ZeMailBoxImap::append(const std::string& file, const ZeMessageFlags& flags) 
     if (m_request.request(command, args) != 0) {
         return 4;
     }
-    m_last_append_uid = appended_uid(m_request.feeder().curline().str());
+    m_last_append_uid = ze_appended_uid(m_request.feeder().curline().str());
     if (m_last_append_uid == 0) {
         basepp::dbg::debug(kUnit, kLineAppendUid, "append",
                            "APPENDUID not returned, fetch last UID");

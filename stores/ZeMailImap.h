@@ -220,6 +220,15 @@ private:
     unsigned long m_last_append_uid = 0;
 };
 
+// "1,2,3,7,8" becomes "1:3,7:8": the same UIDs as an IMAP set, in a line
+// that stays short for large folders. Items that are not numbers are
+// dropped.
+std::string ze_uid_set(const std::string& uids);
+
+// The UID of a "[APPENDUID <validity> <uid>]" code in a tagged answer; 0
+// when there is none or it is malformed.
+unsigned long ze_appended_uid(const std::string& line);
+
 // Cuts a comma-separated UID list (ascending) to the positions start..end-1
 // counted from its last element (position 0): with start 0 and end 25 the
 // newest 25 UIDs, still ascending.
