@@ -53,7 +53,7 @@ TEST_F(DovecotPipe, PreauthNoopAndXFnameThenCleanClose) {
     std::string select = exchange(io, "Ze2", "SELECT INBOX");
     EXPECT_NE(std::string::npos, select.find("* 1 EXISTS")) << select;
     std::string fetch = exchange(io, "Ze3", "UID FETCH 1:* (UID X-FNAME)");
-    EXPECT_NE(std::string::npos, fetch.find("* 1 FETCH (UID 1 X-FNAME " + base + ")")) << fetch;
+    EXPECT_NE(std::string::npos, fetch.find("* 1 FETCH (UID 1 X-FNAME " + base + ",S=")) << fetch;
     EXPECT_NE(std::string::npos, fetch.find("Ze3 OK")) << fetch;
 
     // Unread output at close time is drained, then the child ends on the end

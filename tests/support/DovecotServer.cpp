@@ -757,14 +757,17 @@ std::string DovecotServer::deliver(const std::string& user, const std::string& f
     write_file(staged, bytes);
     _own(staged);
 
+    // The file name carries the size the way the production server writes
+    // it ("<base>,S=<bytes>"), so that the base name ends at the first ",".
+    const std::string file = name + ",S=" + std::to_string(bytes.size());
     std::string final_path;
     if (flags.empty() && !seen_in_cur) {
-        final_path = path + "/new/" + name;
+        final_path = path + "/new/" + file;
     } else {
         std::string sorted = flags;
         std::sort(sorted.begin(), sorted.end());
         sorted.erase(std::unique(sorted.begin(), sorted.end()), sorted.end());
-        final_path = path + "/cur/" + name + ":2," + sorted;
+        final_path = path + "/cur/" + file + ":2," + sorted;
     }
     if (::rename(staged.c_str(), final_path.c_str()) != 0)
         fail_errno("rename(" + staged + ", " + final_path + ")");

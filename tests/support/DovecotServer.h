@@ -80,7 +80,8 @@ public:
     // Drops a message into the folder (created if missing) the way a local
     // delivery agent does: written in tmp/, then renamed. Without flags and
     // with seen_in_cur false it lands in new/ (Dovecot reports it \Recent);
-    // otherwise in cur/ as "<name>:2,<flags>" (flags sorted, e.g. "FS").
+    // otherwise in cur/ as "<name>,S=<size>:2,<flags>" (flags sorted, e.g.
+    // "FS"); in new/ the name is "<name>,S=<size>".
     // Returns the unique base name "<time>.M<n>P<pid>.zetest", which is
     // what X-FNAME answers for it.
     std::string deliver(const std::string& user, const std::string& folder,

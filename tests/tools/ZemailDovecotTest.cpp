@@ -176,7 +176,8 @@ TEST_F(Zemail, ChangesThroughTheServerAreSeenOnDisk) {
         "Flagged Seen",
         json(with({"flag", "INBOX", "2", "+Seen", "+Flagged"}, false)).get<std::string>("flags"));
     std::string direct_flags = "(UID 2 not listed)";
-    for (const auto& m : json(with({"list", "INBOX"}, true)).get_child("messages")) {
+    const ptree listed = json(with({"list", "INBOX"}, true));
+    for (const auto& m : listed.get_child("messages")) {
         if (m.second.get<unsigned long>("uid") == 2) {
             direct_flags = m.second.get<std::string>("flags");
         }
