@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <sstream>
+#include <vector>
 
 #include "stores/ZeMailImap.h"
 #include "support/StoreUtil.h"
@@ -72,6 +73,29 @@ time_t ZeMessageRef::time(ZeMessageRef& message) {
     } catch (...) {
         return 0;
     }
+}
+
+int ze_visit_sections(ZeMessageRef& message, const ZeImapMimeRef& tree,
+                      ZeMessageSectionVisitor& visitor,
+                      const std::function<Corvane::MediaIn(const ZeImapMimeRef&)>& content_of) {
+    std::vector<ZeImapMimeRef> pending;
+    if (!tree.isNull()) {
+        pending.push_back(tree);
+    }
+    while (!pending.empty()) {
+        const ZeImapMimeRef node = pending.back();
+        pending.pop_back();
+        Corvane::MediaIn content = content_of(node);
+        const int stop = visitor.visit(message, node, content);
+        if (stop != 0) {
+            return stop;
+        }
+        const std::list<ZeImapMimeRef>& children = node->children();
+        for (auto child = children.rbegin(); child != children.rend(); ++child) {
+            pending.push_back(*child);
+        }
+    }
+    return 0;
 }
 
 // ---------------------------------------------------------------- ZeMailboxBase

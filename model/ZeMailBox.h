@@ -30,6 +30,7 @@
 // Every object is held by counted handles and used by one thread at a time.
 
 #include <ctime>
+#include <functional>
 #include <ostream>
 #include <string>
 
@@ -148,6 +149,15 @@ public:
     virtual int visit(ZeMessageRef& message, const ZeImapMimeRef& part,
                       Corvane::MediaIn& content) = 0;
 };
+
+// The walk every back-end's foreach_sections makes: the nodes of tree, node
+// before children, children in order, without recursion; each goes to the
+// visitor with the content content_of gives it (an empty stream for a
+// multipart node is the caller's choice). The first non-zero answer of the
+// visitor stops the walk and is returned; 0 after the last node.
+int ze_visit_sections(ZeMessageRef& message, const ZeImapMimeRef& tree,
+                      ZeMessageSectionVisitor& visitor,
+                      const std::function<Corvane::MediaIn(const ZeImapMimeRef&)>& content_of);
 
 // One folder of one user, opened as a mailbox.
 class ZeMailboxBase : public Corvane::RefImpl {

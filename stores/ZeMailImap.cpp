@@ -773,35 +773,26 @@ int ZeMailBoxImap::foreach_sections(ZeMessageRef& message, ZeMessageSectionVisit
     if (tree.isNull()) {
         return 4;
     }
-    // Node before children, children in order, without recursion.
-    std::vector<ZeImapMimeRef> pending{tree};
-    while (!pending.empty()) {
-        ZeImapMimeRef node = pending.back();
-        pending.pop_back();
+    const unsigned long uid = message->uid();
+    return ze_visit_sections(message, tree, *visitor, [this, uid](const ZeImapMimeRef& node) {
         Corvane::MediaIn content;
-        if (node->media_type() != Corvane::ContentType::MULTIPART) {
-            // A single-part message's body is its section 1.
-            const std::string section = node->section().empty() ? "1" : node->section();
-            Corvane::TempFile file(std::string(), "mbox_imap_foreach_");
-            if (file.ok()) {
-                file.close();
-                std::ofstream into(file.path(), std::ios::binary | std::ios::trunc);
-                _fetch_section(&into, message->uid(), " (BODY.PEEK[" + section + "])",
-                               node->content_type().encoding, nullptr);
-                into.close();
-                content = Corvane::MediaIn::fromFile(file.path());
-            }
+        if (node->media_type() == Corvane::ContentType::MULTIPART) {
+            return content;
         }
-        const int stop = visitor->visit(message, node, content);
-        if (stop != 0) {
-            return stop;
+        // A single-part message's body is its section 1.
+        const std::string section = node->section().empty() ? "1" : node->section();
+        Corvane::TempFile file(std::string(), "mbox_imap_foreach_");
+        if (file.ok()) {
+            file.close();
+            std::ofstream into(file.path(), std::ios::binary | std::ios::trunc);
+            _fetch_section(&into, uid, " (BODY.PEEK[" + section + "])",
+                           node->content_type().encoding, nullptr);
+            into.close();
+            // The stream keeps the file open; its name goes with the TempFile.
+            content = Corvane::MediaIn::fromFile(file.path());
         }
-        const std::list<ZeImapMimeRef>& children = node->children();
-        for (auto child = children.rbegin(); child != children.rend(); ++child) {
-            pending.push_back(*child);
-        }
-    }
-    return 0;
+        return content;
+    });
 }
 
 unsigned long ZeMailBoxImap::_last_uid() {

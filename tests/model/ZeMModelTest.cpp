@@ -643,3 +643,52 @@ TEST(ScopeAndFilter, MatchesCombineLikeTheCriteriaAndWalkStateIsForwarded) {
 }
 
 }  // namespace
+
+namespace {
+
+class SectionNames : public ZeMessageSectionVisitor {
+public:
+    int visit(ZeMessageRef&, const ZeImapMimeRef& part, Corvane::MediaIn& content) override {
+        seen.push_back(part->section() + "=" + content.readAll());
+        return part->section() == stop_at ? 9 : 0;
+    }
+    std::vector<std::string> seen;
+    std::string stop_at = "none";
+};
+
+ZeImapMimeRef node(const std::string& section) {
+    ZeImapMimeRef made =
+        ZeImapMimeRef::create(Corvane::ContentType::TEXT, Corvane::ContentType::UNKNOWN_SUBTYPE);
+    made->set_section(section);
+    return made;
+}
+
+TEST(Sections, TheWalkGoesNodeBeforeChildrenAndStopsOnRequest) {
+    ZeImapMimeRef root = node("");
+    ZeImapMimeRef one = node("1");
+    ZeImapMimeRef two = node("2");
+    ZeImapMimeRef two_one = node("2.1");
+    ZeImapMimeRef three = node("3");
+    two->add_child(two_one);
+    root->add_child(one);
+    root->add_child(two);
+    root->add_child(three);
+    ZeMessageRef message;
+    const auto content = [](const ZeImapMimeRef& part) {
+        return Corvane::MediaIn::fromString("<" + part->section() + ">");
+    };
+    SectionNames all;
+    EXPECT_EQ(0, ze_visit_sections(message, root, all, content));
+    EXPECT_EQ((std::vector<std::string>{"=<>", "1=<1>", "2=<2>", "2.1=<2.1>", "3=<3>"}), all.seen);
+
+    SectionNames stopped;
+    stopped.stop_at = "2.1";
+    EXPECT_EQ(9, ze_visit_sections(message, root, stopped, content));
+    EXPECT_EQ(4u, stopped.seen.size());
+
+    SectionNames none;
+    EXPECT_EQ(0, ze_visit_sections(message, ZeImapMimeRef(), none, content));
+    EXPECT_TRUE(none.seen.empty());
+}
+
+}  // namespace
