@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -146,43 +147,44 @@ int ZePipeIO::_fill(unsigned char* chunk) {
 }
 
 int ZePipeIO::receive(unsigned char* out, unsigned int max, char delimiter) {
-    unsigned char chunk[kCarrySize];
-    int chunk_length = 0;
-    if (m_carry_count != 0) {
-        std::memcpy(chunk, m_carry, static_cast<std::size_t>(m_carry_count));
-        chunk_length = m_carry_count;
-        m_carry_count = 0;
-    }
+    // The chunk being handed out always sits at the front of the carry-over
+    // buffer: carried bytes are used where they are and a new chunk is read
+    // straight into it, so each byte is copied once into out, and the
+    // unread rest is moved down once.
+    int chunk_length = m_carry_count;
+    m_carry_count = 0;
     if (max < 1) {
         return 0;
     }
     if (chunk_length == 0) {
-        chunk_length = _fill(chunk);
+        chunk_length = _fill(m_carry);
         if (chunk_length < 1) {
             return chunk_length;
         }
     }
-    const unsigned char stop = static_cast<unsigned char>(delimiter);
     unsigned int placed = 0;
     while (true) {
-        int used = 0;
+        std::size_t used =
+            std::min<std::size_t>(static_cast<std::size_t>(chunk_length), max - placed);
         bool at_delimiter = false;
-        while (used < chunk_length && placed < max) {
-            unsigned char byte = chunk[used++];
-            out[placed++] = byte;
-            if (delimiter != 0 && byte == stop) {
+        if (delimiter != 0) {
+            const void* hit = std::memchr(m_carry, static_cast<unsigned char>(delimiter), used);
+            if (hit != nullptr) {
+                used =
+                    static_cast<std::size_t>(static_cast<const unsigned char*>(hit) - m_carry) + 1;
                 at_delimiter = true;
-                break;
             }
         }
-        if (used < chunk_length) {
-            m_carry_count = chunk_length - used;
-            std::memcpy(m_carry, chunk + used, static_cast<std::size_t>(m_carry_count));
+        std::memcpy(out + placed, m_carry, used);
+        placed += static_cast<unsigned int>(used);
+        if (used < static_cast<std::size_t>(chunk_length)) {
+            m_carry_count = chunk_length - static_cast<int>(used);
+            std::memmove(m_carry, m_carry + used, static_cast<std::size_t>(m_carry_count));
         }
         if (at_delimiter || placed >= max) {
             return static_cast<int>(placed);
         }
-        chunk_length = _fill(chunk);
+        chunk_length = _fill(m_carry);
         if (chunk_length < 0) {
             return chunk_length;
         }
@@ -194,23 +196,26 @@ int ZePipeIO::receive(unsigned char* out, unsigned int max, char delimiter) {
 
 int ZePipeIO::readline(Corvane::Buffer& line) {
     line.clear();
-    unsigned char piece[kLinePiece];
     unsigned int ask = kLinePiece;
     while (true) {
-        int got = receive(piece, ask, '\n');
+        // Each piece is received straight into the line's storage.
+        const std::size_t have = line.length();
+        line.reserve(have + ask);
+        const int got = receive(reinterpret_cast<unsigned char*>(line.data()) + have, ask, '\n');
         if (got < 0) {
             line.clear();
             return 0;
         }
+        line.length(have + static_cast<std::size_t>(got));
         if (got == 0) {
             break;
         }
-        line.append(piece, static_cast<std::size_t>(got));
-        if (piece[got - 1] == '\n') {
+        const char last = line[line.length() - 1];
+        if (last == '\n') {
             break;
         }
         // A piece ending in CR: ask for the one byte that should be its LF.
-        ask = piece[got - 1] == '\r' ? 1 : kLinePiece;
+        ask = last == '\r' ? 1 : kLinePiece;
     }
     std::size_t length = line.length();
     while (length > 0 && (line[length - 1] == '\n' || line[length - 1] == '\r')) {
