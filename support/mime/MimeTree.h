@@ -67,7 +67,9 @@ bool readSection(const std::string& path, const MimePart& root, const std::strin
 // ImapMimeParser, hence exactly the tree the IMAP mailbox builds for the same
 // message (an attached message is one leaf named after its subject, a
 // multipart without parts gets the server's empty text/plain part, and the
-// parser's own limits apply). Never null: an empty message is one text part.
+// parser's own limits apply). Null where the IMAP side makes no node either:
+// a message whose single part has a type it does not know ("foo/bar", or a
+// Content-Type it cannot read).
 ZeImapMimeRef toImapMime(const Corvane::MimePart& root);
 
 #endif

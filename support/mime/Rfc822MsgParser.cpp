@@ -478,7 +478,7 @@ private:
         std::string value;
     };
 
-    void _startPart(MimePart* part);
+    void _startPart(MimePart* part, std::size_t offset);
     Step _header();
     void _headerLine();
     void _field();
@@ -508,7 +508,7 @@ private:
 
 std::unique_ptr<MimePart> MimePartBuilder::run() {
     m_root = std::make_unique<MimePart>();
-    _startPart(m_root.get());
+    _startPart(m_root.get(), 0);
     Step step = Step::HEADER;
     while (step != Step::DONE) {
         switch (step) {
@@ -537,9 +537,13 @@ std::unique_ptr<MimePart> MimePartBuilder::run() {
     return std::move(m_root);
 }
 
-void MimePartBuilder::_startPart(MimePart* part) {
+// A part begins where its parent's body has got to. That is where reading
+// goes on, except for an attached message whose part header gave its last
+// line end to a boundary: the message begins before that line end, and its
+// header is empty.
+void MimePartBuilder::_startPart(MimePart* part, std::size_t offset) {
     m_part = part;
-    part->m_header.offset = m_pos;
+    part->m_header.offset = offset;
     m_h = HeaderState();
 }
 
@@ -776,7 +780,7 @@ MimePartBuilder::Step MimePartBuilder::_endOfHeader() {
             MimePart* attached = child.get();
             part.m_children.push_back(std::move(child));
             ++m_parts;
-            _startPart(attached);
+            _startPart(attached, part.m_body.offset);
             return Step::HEADER;
         }
         part.m_overflow = true;
@@ -903,7 +907,7 @@ MimePartBuilder::Step MimePartBuilder::_boundaryLine() {
     MimePart* next = child.get();
     m_part->m_children.push_back(std::move(child));
     ++m_parts;
-    _startPart(next);
+    _startPart(next, m_pos);
     return Step::HEADER;
 }
 

@@ -17,13 +17,14 @@
 //     MIME-Version or Content-Type, or inside a multipart);
 //   - an unreadable Content-Type gives type and subtype "" and no parameters.
 //
-// Limits, those of the server: parts nest at most kMaxNesting deep (the
-// root is depth 0) and a message has at most kMaxParts parts. A multipart or
-// message/rfc822 part that would open a deeper level becomes one opaque leaf
-// (MimePart::overflow()); once kMaxParts parts exist no further boundary is
-// recognised and the last part runs to the end of its enclosing data. So a
-// message nested 10,000 levels deep gives a tree 99 levels deep, built
-// without recursion in time linear in its size.
+// Limits, those of the server: parts nest at most kMaxNesting levels deep
+// (depths 0 to 99, the root being 0) and a message has at most kMaxParts
+// parts. A multipart or message/rfc822 part that would open a deeper level
+// becomes one opaque leaf (MimePart::overflow()), as does a message/rfc822
+// part once kMaxParts parts exist; from then on no boundary is recognised
+// either, so the part being read runs to the end of the message. A message
+// nested 10,000 levels deep thus gives a tree 100 levels deep, built without
+// recursion in time linear in its size.
 //
 // Input is untrusted and may be any bytes; nothing is read outside the
 // given range, and the parser never fails: the worst input gives a single

@@ -163,6 +163,18 @@ TEST(MimePartBoundaries, AHeaderCutByABoundaryGivesItsLastLineEndAway) {
     EXPECT_EQ("", section(text, "2"));
     EXPECT_EQ(1u, root->children()[0]->header().lines);
     EXPECT_EQ(root->body().length, text.size() - root->header().length);
+
+    // An attached message that the boundary leaves empty begins where its
+    // part's header now ends, inside its part.
+    const std::string empty =
+        "Content-Type: multipart/mixed; boundary=XX\n\n--XX\nContent-Type: message/rfc822\n\n"
+        "--XX--\n";
+    auto tree = parse(empty);
+    const MimePart& part = *tree->children().at(0);
+    ASSERT_TRUE(part.isMessage());
+    EXPECT_EQ("Content-Type: message/rfc822\n", section(empty, "1.MIME"));
+    EXPECT_EQ(part.body().offset, part.message()->header().offset);
+    EXPECT_EQ(0u, part.message()->header().length + part.message()->body().length);
 }
 
 TEST(MimePartBoundaries, PrefixMatchesLongestWinsAndEndMarkers) {
