@@ -184,6 +184,10 @@ int ZeImapConnection::close(int pid) {
 int ZeImapFeeder::nextline() {
     if (m_keep) {
         m_keep = false;
+    } else if (m_stalled) {
+        m_line.clear();
+        m_token.restart(m_line);
+        return -1;
     } else {
         m_io.readline(m_line);
     }
@@ -195,26 +199,24 @@ int ZeImapFeeder::nextline() {
 }
 
 int ZeImapFeeder::readline(Corvane::Buffer& b, int max) {
-    if (max < 1) {
-        b.clear();
-        return 0;
-    }
-    b.reserve(static_cast<std::size_t>(max));
-    int got = m_io.receive(reinterpret_cast<unsigned char*>(b.data()),
-                           static_cast<unsigned int>(max), '\n');
-    b.length(got > 0 ? static_cast<std::size_t>(got) : 0);
+    const int got = _receive(b, max, '\n');
     return got > 0 ? got : 0;
 }
 
 int ZeImapFeeder::readliteral(Corvane::Buffer& b, int n) {
-    if (n < 1) {
+    return _receive(b, n, 0);
+}
+
+int ZeImapFeeder::_receive(Corvane::Buffer& b, int max, char delimiter) {
+    if (max < 1 || m_stalled) {
         b.clear();
-        return 0;
+        return max < 1 ? 0 : -1;
     }
-    b.reserve(static_cast<std::size_t>(n));
-    int got =
-        m_io.receive(reinterpret_cast<unsigned char*>(b.data()), static_cast<unsigned int>(n), 0);
+    b.reserve(static_cast<std::size_t>(max));
+    const int got = m_io.receive(reinterpret_cast<unsigned char*>(b.data()),
+                                 static_cast<unsigned int>(max), delimiter);
     b.length(got > 0 ? static_cast<std::size_t>(got) : 0);
+    m_stalled = got < 0;
     return got;
 }
 

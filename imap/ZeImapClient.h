@@ -128,6 +128,13 @@ public:
     // Reads the next whole line (line ending stripped) and restarts the token
     // iterator on it. Returns its length, or -1 when the read failed.
     int nextline();
+    // A wait that timed out in readline() or readliteral() marks the input as
+    // stalled: every later read answers at once as failed (nextline() -1,
+    // readline() 0, readliteral() -1) instead of waiting out the time-out
+    // again, so a server that stops inside an answer costs one time-out per
+    // exchange. The request resumes the feeder when it sends a command.
+    bool stalled() const { return m_stalled; }
+    void resume() { m_stalled = false; }
     // Makes the next nextline() give the current line again (a parser that
     // read one line too far hands it back).
     void keep_line() { m_keep = true; }
@@ -150,10 +157,14 @@ public:
     ZePipeIO& io() { return m_io; }
 
 private:
+    // One receive into b (replacing its content); notes a failed wait.
+    int _receive(Corvane::Buffer& b, int max, char delimiter);
+
     ZePipeIO& m_io;
     TokenIterator m_token;
     Corvane::Buffer m_line;
     bool m_keep = false;
+    bool m_stalled = false;
 };
 
 #endif

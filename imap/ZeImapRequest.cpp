@@ -47,8 +47,16 @@ const ZeImapCommand ImapRequestUnknown(ZeImapCommand::NONE);
 
 ZeImapRequest::ZeImapRequest(ZePipeIO& io) : m_tag(ZeImapTag::m_instance), m_feeder(io) {}
 
-void ZeImapRequest::_log(int line, const char* function, const std::string& text) const {
-    basepp::dbg::debug(kUnit, line, function, "%s%s", m_tag.m_tag.c_str(), text.c_str());
+void ZeImapRequest::_log(int line, const char* function,
+                         std::initializer_list<std::string_view> pieces) const {
+    if (!basepp::dbg::enabled()) {
+        return;
+    }
+    std::string text = m_tag.m_tag;
+    for (std::string_view piece : pieces) {
+        text.append(piece.data(), piece.size());
+    }
+    basepp::dbg::debug(kUnit, line, function, "%s", text.c_str());
 }
 
 ZeImapRequest& ZeImapRequest::operator<<(const ZeImapCommand& cmd) {
@@ -74,13 +82,21 @@ int ZeImapRequest::request(const ZeImapCommand& cmd, const std::string& args) {
     m_last_error.clear();
     m_command = cmd;
     m_tag.next();
+    m_feeder.resume();
 
-    ZePipeIO& io = m_feeder.io();
-    io << m_tag << " " << m_command.text();
+    // The whole line in one write: written piece by piece, the server wakes
+    // up for every piece and the round trip of a short command takes twice
+    // as long.
+    m_out.clear();
+    m_out.append(m_tag.m_tag);
+    m_out.append(' ');
+    m_out.append(m_command.text());
     if (!args.empty()) {
-        io << " " << args;
+        m_out.append(' ');
+        m_out.append(args);
     }
-    io << "\n";
+    m_out.append('\n');
+    m_feeder.write(m_out);
     basepp::dbg::debug(kUnit, __LINE__, "request", ">>>%s:%s %s", m_tag.m_tag.c_str(),
                        m_command.text().c_str(), args.c_str());
 
@@ -103,11 +119,10 @@ int ZeImapRequest::request(const ZeImapCommand& cmd, const std::string& args) {
             ZeImapConnection::instance()->reconnect();
             return 1;
         }
-        _log(__LINE__, "request",
-             std::string("Caught error:") + error.what() + ":(" + std::strerror(code) + ")");
+        _log(__LINE__, "request", {"Caught error:", error.what(), ":(", std::strerror(code), ")"});
         throw std::runtime_error(error.what());
     } catch (...) {
-        _log(__LINE__, "request", "something unknown happening...");
+        _log(__LINE__, "request", {"something unknown happening..."});
         ZeImapConnection::instance()->reconnect();
         return 1;
     }
@@ -139,8 +154,10 @@ int ZeImapRequest::process() {
                 return 4;
             default:
                 _log(__LINE__, "process",
-                     ":break here... with return code:" + std::to_string(line_class));
-                _log(__LINE__, "process", ":buffer:" + m_feeder.curline().str());
+                     {":break here... with return code:", std::to_string(line_class)});
+                _log(__LINE__, "process",
+                     {":buffer:",
+                      std::string_view(m_feeder.curline().data(), m_feeder.curline().length())});
                 return 0;
         }
     }
@@ -157,16 +174,16 @@ int ZeImapRequest::pre_parse(TokenIterator& token) {
     if (std::strcmp(first, m_tag.m_tag.c_str()) != 0) {
         // Exact comparison: "Ze1" is another tag than "Ze12".
         if (std::strcmp(first, "+") == 0) {
-            _log(__LINE__, "pre_parse", ":waiting for input");
+            _log(__LINE__, "pre_parse", {":waiting for input"});
             return kUntagged;
         }
         if (std::strcmp(first, "BYE") == 0) {
-            _log(__LINE__, "pre_parse", ":Reconnecting imap!");
+            _log(__LINE__, "pre_parse", {":Reconnecting imap!"});
             ZeImapConnection::instance()->reconnect();
         }
         _log(__LINE__, "pre_parse",
-             std::string(":FOUND ANOTHER COMMAND:") + first + " .vs. " + m_tag.m_tag +
-                 ", please check if the first command timeout!");
+             {":FOUND ANOTHER COMMAND:", first, " .vs. ", m_tag.m_tag,
+              ", please check if the first command timeout!"});
         return kForeignTag;
     }
     token.next();
@@ -203,10 +220,10 @@ void ZeImapRequest::process_continue() {
 
 int ZeImapRequest::process_OK() {
     if (has_error() && m_command.command() == ZeImapCommand::NOOP) {
-        _log(__LINE__, "process_OK", "NOOP: unknown imap server error, Reconnecting imap!");
+        _log(__LINE__, "process_OK", {"NOOP: unknown imap server error, Reconnecting imap!"});
         ZeImapConnection::instance()->reconnect();
     }
-    _log(__LINE__, "process_OK", ":COMMAND DONE! (" + m_command.text() + ")");
+    _log(__LINE__, "process_OK", {":COMMAND DONE! (", m_command.text(), ")"});
     return 0;
 }
 
@@ -216,19 +233,19 @@ int ZeImapRequest::process_NO() {
     if (at != std::string::npos) {
         m_last_error = line.substr(at + 4);
     }
-    _log(__LINE__, "process_NO", ":COMMAND NO! (" + m_command.text() + ")");
+    _log(__LINE__, "process_NO", {":COMMAND NO! (", m_command.text(), ")"});
     return 1;
 }
 
 int ZeImapRequest::process_BAD() {
-    _log(__LINE__, "process_BAD", ":BAD COMMAND! (" + m_command.text() + ")");
+    _log(__LINE__, "process_BAD", {":BAD COMMAND! (", m_command.text(), ")"});
     return 2;
 }
 
 int ZeImapRequest::process_BYE() {
     m_response.release();
-    _log(__LINE__, "process_BYE", ":BYE: connection broken!");
+    _log(__LINE__, "process_BYE", {":BYE: connection broken!"});
     ZeImapConnection::instance()->reconnect();
-    _log(__LINE__, "process_BYE", ":Reconnecting imap!");
+    _log(__LINE__, "process_BYE", {":Reconnecting imap!"});
     return 3;
 }

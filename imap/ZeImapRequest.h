@@ -1,8 +1,10 @@
 #ifndef ZEMAIL_IMAP_ZE_IMAP_REQUEST_H
 #define ZEMAIL_IMAP_ZE_IMAP_REQUEST_H
 
+#include <initializer_list>
 #include <sstream>
 #include <string>
+#include <string_view>
 
 #include "imap/ZeImapClient.h"
 #include "imap/ZeImapResponse.h"
@@ -60,7 +62,9 @@ private:
     int process_NO();
     int process_BAD();
     int process_BYE();
-    void _log(int line, const char* function, const std::string& text) const;
+    // One debug record: the tag, then the pieces; nothing is built while the
+    // debug log is off.
+    void _log(int line, const char* function, std::initializer_list<std::string_view> pieces) const;
 
     ZeImapTag& m_tag;
     ZeImapFeeder m_feeder;
@@ -68,6 +72,7 @@ private:
     ZeImapResponseRef m_response;
     std::ostringstream m_args;
     std::string m_last_error;
+    Corvane::Buffer m_out;  // the command line being sent
 };
 
 // The commands by name, without processor, for callers.

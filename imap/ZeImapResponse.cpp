@@ -350,14 +350,26 @@ void ZeImapResponseAppend::dump() const {
 
 ZeImapResponseUIDFetch::ZeImapResponseUIDFetch(ZeImapFeeder& feeder) : ZeImapResponse(feeder) {}
 
+// Back to the values after construction, in place: strings and buffers keep
+// their storage for the next answer.
 void ZeImapResponseUIDFetch::_reset() {
-    m_data = data_t();
+    m_data.seq = 0;
+    m_data.uid = 0;
+    m_data.fname.clear();
+    m_data.flags.clear();
+    m_data.size = 0;
+    m_data.literal_size = -1;
+    m_data.received = 0;
+    m_data.mime.release();
+    m_data.headers.clear();
+    m_data.mime_headers.clear();
 }
 
 int ZeImapResponseUIDFetch::parse() {
     // The record of the previous answer comes back when this line is not a
-    // usable answer; moved, not copied, since it may hold header blocks.
-    data_t saved = std::move(m_data);
+    // usable answer. It is kept by swapping the two records, not copied (it
+    // may hold header blocks), and the new one is reset in place.
+    std::swap(m_data, m_previous);
     _reset();
     m_unread = 0;
 
@@ -366,9 +378,7 @@ int ZeImapResponseUIDFetch::parse() {
         static_cast<std::uint32_t>(std::min<unsigned long>(to_unsigned(token.token()), UINT32_MAX));
     token.next();
     if (!is_word(token, "FETCH")) {
-        if (saved.uid != 0) {
-            m_data = std::move(saved);
-        }
+        _restore_previous();
         return 2;
     }
     token.next();
@@ -385,12 +395,16 @@ int ZeImapResponseUIDFetch::parse() {
     }
     if (m_data.uid == 0) {
         basepp::dbg::debug(kUnit, __LINE__, "parse", ">>> not UID fetch response, skip !!!");
-        if (saved.uid != 0) {
-            m_data = std::move(saved);
-        }
+        _restore_previous();
         return 2;
     }
     return 1;
+}
+
+void ZeImapResponseUIDFetch::_restore_previous() {
+    if (m_previous.uid != 0) {
+        std::swap(m_data, m_previous);
+    }
 }
 
 void ZeImapResponseUIDFetch::get_value(TokenIterator& token) {
@@ -405,15 +419,16 @@ void ZeImapResponseUIDFetch::get_value(TokenIterator& token) {
             m_data.fname.erase(comma);
         }
     } else if (strcasecmp(key.c_str(), "FLAGS") == 0) {
-        m_data.flags = token.strip().asString();
+        m_data.flags.assign(token ? token.strip().token() : "");
         token.next();
     } else if (strcasecmp(key.c_str(), "RFC822.SIZE") == 0) {
         m_data.size = static_cast<long>(to_number(token++));
     } else if (strcasecmp(key.c_str(), "INTERNALDATE") == 0) {
         struct tm when = {};
-        const std::string text = token.strip().asString();
+        if (token) {
+            strptime(token.strip().token(), "%d-%b-%Y %T %z", &when);
+        }
         token.next();
-        strptime(text.c_str(), "%d-%b-%Y %T %z", &when);
         when.tm_isdst = -1;
         m_data.received = mktime(&when);
     } else if (strcasecmp(key.c_str(), "BODYSTRUCTURE") == 0) {

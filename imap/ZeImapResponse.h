@@ -200,6 +200,8 @@ public:
 
 private:
     void _reset();
+    // Makes the previous answer's record current again, when it had a UID.
+    void _restore_previous();
     void _parse(TokenIterator& group);
     // Walks one line's items; returns true when the answer is finished or a
     // body literal was left for the caller.
@@ -208,6 +210,7 @@ private:
     void _skip_unread_literal();
 
     data_t m_data;
+    data_t m_previous;  // the record before m_data, or storage for the next one
     bool m_in_fetch = false;
     mutable long m_unread = 0;  // bytes of a body literal nobody has read yet
 };

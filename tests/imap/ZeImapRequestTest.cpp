@@ -3,11 +3,15 @@
 // real server answers is tested against Dovecot (ZeImapDovecotTest).
 #include "imap/ZeImapRequest.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "support/Debug.h"
 #include "support/Paths.h"
@@ -21,9 +25,14 @@ protected:
         m_log = m_dir.path() + "/debug.log";
         basepp::dbg::set_debug_output(m_log);
         basepp::dbg::set_debug_zone(basepp::dbg::kZoneImap | basepp::dbg::kLevelTrace);
+        m_descriptors = descriptors();
     }
+    // Whatever the server did, closing the connection leaves no descriptor
+    // open and no child unreaped.
     void TearDown() override {
         ZeImapConnection::instance()->close();
+        EXPECT_EQ(m_descriptors, descriptors());
+        EXPECT_TRUE(zetest::zombie_children().empty());
         basepp::dbg::set_debug_zone(0);
         basepp::dbg::set_debug_output("");
     }
@@ -52,8 +61,30 @@ protected:
     std::string log() { return zetest::read_file(m_log); }
     std::string received() { return zetest::read_file(m_dir.path() + "/lines.txt"); }
 
+    // Open descriptors, without the syslog socket that the first syslog
+    // record opens for the rest of the process.
+    static std::vector<std::string> descriptors() {
+        std::vector<std::string> out;
+        for (const std::string& one : zetest::open_descriptors()) {
+            if (one.find("socket:") == std::string::npos) {
+                out.push_back(one);
+            }
+        }
+        return out;
+    }
+
+    // Puts a descriptor opened on path in place of the io's read end, so
+    // that the next read() fails the way reads fail on it.
+    static void replace_read_end(ZePipeIO& io, const char* path, int flags) {
+        const int fd = open(path, flags | O_CLOEXEC);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(io.read_fd(), dup2(fd, io.read_fd()));
+        close(fd);
+    }
+
     zetest::TempDir m_dir;
     std::string m_log;
+    std::vector<std::string> m_descriptors;
 };
 
 // --- framing --------------------------------------------------------------
@@ -76,12 +107,18 @@ TEST_F(Exchange, CommandLinesAreFramedWithIncreasingTags) {
 // --- completions ----------------------------------------------------------
 
 TEST_F(Exchange, TaggedNoKeepsTheTextAfterNoWithItsResponseCode) {
-    ZePipeIO& io = serve("printf '%s NO [TRYCREATE] Mailbox does not exist\\r\\n' \"$tag\"");
+    ZePipeIO& io = serve(
+        "case \"$rest\" in\n"
+        "  'SELECT Nope') printf '%s NO [TRYCREATE] Mailbox does not exist\\r\\n' \"$tag\" ;;\n"
+        "  *) printf '%s NO\\r\\n' \"$tag\" ;;\nesac");
     ZeImapRequest request(io);
     EXPECT_EQ(1, request.request(ImapRequestSelect, "Nope"));
     EXPECT_TRUE(request.has_error());
     EXPECT_EQ("[TRYCREATE] Mailbox does not exist", request.last_error());
     EXPECT_NE(std::string::npos, log().find(":COMMAND NO! (SELECT)"));
+    // A bare NO has no text after " NO ": the code alone tells the failure.
+    EXPECT_EQ(1, request.request(ImapRequestSelect, "Other"));
+    EXPECT_FALSE(request.has_error());
 }
 
 TEST_F(Exchange, BadAndUnknownStatusWordsGiveTwo) {
@@ -144,46 +181,145 @@ TEST_F(Exchange, OlderTagOfThisProcessIsForeignToo) {
     EXPECT_EQ(4, request.request(ImapRequestNoop, ""));
 }
 
+TEST_F(Exchange, ByeInPlaceOfATagReconnectsAndGivesFour) {
+    ZePipeIO& io = serve("printf 'BYE\\r\\n'");
+    ZeImapRequest request(io);
+    const int before = pid();
+    EXPECT_EQ(4, request.request(ImapRequestNoop, ""));
+    EXPECT_NE(before, pid());
+    EXPECT_NE(std::string::npos, log().find(":Reconnecting imap!"));
+}
+
+TEST_F(Exchange, UntaggedByeAndHangUpEndWithZeroAndLaterRequestsFailQuietly) {
+    // The server says goodbye and exits without completing the command: a
+    // missing answer. The next command goes to a child that has gone (the
+    // write fails with EPIPE, not SIGPIPE) and ends the same way.
+    ZePipeIO& io = serve("printf '* BYE Server shutting down.\\r\\n'; exit 0");
+    ZeImapRequest request(io);
+    EXPECT_EQ(0, request.request(ImapRequestSelect, "INBOX"));
+    EXPECT_FALSE(request.has_error());
+    EXPECT_EQ(0, request.request(ImapRequestNoop, ""));
+    EXPECT_EQ(0, request.request(ImapRequestLogout, ""));
+}
+
 // --- silence and truncation -----------------------------------------------
 
+// Each case ends after at most one time-out of two seconds, however many
+// reads the answer still wanted.
+constexpr int kShortTimeout = 2;
+constexpr long kOneTimeoutMs = kShortTimeout * 1000 + 900;
+
+long milliseconds_since(std::chrono::steady_clock::time_point begin) {
+    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                 std::chrono::steady_clock::now() - begin)
+                                 .count());
+}
+
 TEST_F(Exchange, SilentServerEndsWithZeroAfterTheTimeOut) {
-    ZePipeIO& io = serve(":", 1);
+    ZePipeIO& io = serve(":", kShortTimeout);
     ZeImapRequest request(io);
     auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(0, request.request(ImapRequestSelect, "INBOX"));
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4));
+    EXPECT_LT(milliseconds_since(begin), kOneTimeoutMs);
+    EXPECT_FALSE(request.has_error());
     auto* select = dynamic_cast<ZeImapResponseSelect*>(request.responser().get());
     ASSERT_NE(nullptr, select);
     EXPECT_EQ(0u, select->exists());
 }
 
 TEST_F(Exchange, HangUpInsideALiteralEndsTheExchange) {
-    ZePipeIO& io =
-        serve("printf '* 1 FETCH (UID 5 BODY[HEADER.FIELDS (TO)] {100}\\r\\nabc'; exit 0");
+    ZePipeIO& io = serve(
+        "case \"$rest\" in\n"
+        "  *HEADER*) printf '* 1 FETCH (UID 5 BODY[HEADER.FIELDS (TO)] {100}\\r\\nabc' ;;\n"
+        "  *) printf '* 1 FETCH (UID 6 BODY[] {100}\\r\\nabc' ;;\nesac; exit 0");
     ZeImapRequest request(io);
     EXPECT_EQ(0, request.request(ImapRequestUidFetch, "5 BODY.PEEK[HEADER]"));
     auto* fetch = dynamic_cast<ZeImapResponseUIDFetch*>(request.responser().get());
     ASSERT_NE(nullptr, fetch);
     EXPECT_EQ(5u, fetch->data().uid);
     EXPECT_EQ("abc", fetch->data().headers.str());
+
+    // A body literal nobody streams is skipped as far as it goes.
+    serve("printf '* 1 FETCH (UID 6 BODY[] {100}\\r\\nabc'; exit 0");
+    EXPECT_EQ(0, request.request(ImapRequestUidFetch, "6 BODY.PEEK[]"));
+    fetch = dynamic_cast<ZeImapResponseUIDFetch*>(request.responser().get());
+    ASSERT_NE(nullptr, fetch);
+    EXPECT_EQ(6u, fetch->data().uid);
+    EXPECT_EQ(100, fetch->data().literal_size);
+    EXPECT_FALSE(fetch->in_fetch());
 }
 
-TEST_F(Exchange, LiteralLargerThanWhatFollowsTimesOut) {
+TEST_F(Exchange, LiteralLargerThanWhatFollowsTimesOutOnce) {
+    for (const char* item : {"BODY[HEADER.FIELDS (TO)]", "BODY[1.MIME]", "BODY[]"}) {
+        ZePipeIO& io = serve(std::string("printf '* 1 FETCH (UID 5 ") + item +
+                                 " {5000}\\r\\nshort\\r\\n)\\r\\n%s OK done\\r\\n' \"$tag\"",
+                             kShortTimeout);
+        ZeImapRequest request(io);
+        auto begin = std::chrono::steady_clock::now();
+        const int code = request.request(ImapRequestUidFetch, "5 BODY.PEEK[HEADER]");
+        EXPECT_LT(milliseconds_since(begin), kOneTimeoutMs) << item;
+        auto* fetch = dynamic_cast<ZeImapResponseUIDFetch*>(request.responser().get());
+        ASSERT_NE(nullptr, fetch);
+        // The completion line is swallowed as literal bytes; the read then
+        // times out, which ends the exchange as a missing answer: code 0, and
+        // the literal's partial bytes are not taken for headers.
+        EXPECT_EQ(0, code) << item;
+        EXPECT_EQ(5u, fetch->data().uid) << item;
+        EXPECT_TRUE(fetch->data().headers.empty()) << item;
+        EXPECT_TRUE(fetch->data().mime_headers.empty()) << item;
+        EXPECT_FALSE(request.has_error()) << item;
+
+        // The next command waits for its own answer again.
+        ZeImapConnection::instance()->close();
+    }
+}
+
+TEST_F(Exchange, SilenceInsideAMultiLineStructureTimesOutOnce) {
     ZePipeIO& io = serve(
-        "printf '* 1 FETCH (UID 5 BODY[HEADER.FIELDS (TO)] {5000}\\r\\nshort\\r\\n)\\r\\n%s OK "
-        "done\\r\\n' "
-        "\"$tag\"",
-        1);
+        "printf '* 1 FETCH (UID 5 BODYSTRUCTURE (\"application\" \"pdf\" (\"name\" {4}\\r\\n'",
+        kShortTimeout);
     ZeImapRequest request(io);
-    const int code = request.request(ImapRequestUidFetch, "5 BODY.PEEK[HEADER]");
-    auto* fetch = dynamic_cast<ZeImapResponseUIDFetch*>(request.responser().get());
-    ASSERT_NE(nullptr, fetch);
-    // The completion line is swallowed as literal bytes; the read then times
-    // out, which ends the exchange as a missing answer: code 0, and the
-    // literal's partial bytes are not taken for headers.
-    EXPECT_EQ(0, code);
-    EXPECT_EQ(5u, fetch->data().uid);
-    EXPECT_TRUE(fetch->data().headers.empty());
+    auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, request.request(ImapRequestUidFetch, "5 BODYSTRUCTURE"));
+    EXPECT_LT(milliseconds_since(begin), kOneTimeoutMs);
+}
+
+// --- read errors --------------------------------------------------------------
+
+TEST_F(Exchange, BadDescriptorGivesOneAndReconnects) {
+    ZePipeIO& io = serve("printf '%s OK\\r\\n' \"$tag\"");
+    ZeImapRequest request(io);
+    replace_read_end(io, "/dev/null", O_WRONLY);  // read() fails with EBADF
+    const int before = pid();
+    EXPECT_EQ(1, request.request(ImapRequestNoop, ""));
+    EXPECT_EQ(std::strerror(EBADF), request.last_error());
+    EXPECT_NE(before, pid());
+    EXPECT_EQ(0, request.request(ImapRequestNoop, ""));  // the new child answers
+    EXPECT_FALSE(request.has_error());
+}
+
+TEST_F(Exchange, LogoutOnABadDescriptorGivesZero) {
+    ZePipeIO& io = serve("printf '%s OK\\r\\n' \"$tag\"");
+    ZeImapRequest request(io);
+    replace_read_end(io, "/dev/null", O_WRONLY);
+    const int before = pid();
+    EXPECT_EQ(0, request.request(ImapRequestLogout, ""));
+    EXPECT_EQ(before, pid());
+}
+
+TEST_F(Exchange, OtherReadErrorsPropagate) {
+    ZePipeIO& io = serve("printf '%s OK\\r\\n' \"$tag\"");
+    ZeImapRequest request(io);
+    replace_read_end(io, m_dir.path().c_str(), O_RDONLY | O_DIRECTORY);  // EISDIR
+    for (const ZeImapCommand& command : {ImapRequestNoop, ImapRequestLogout}) {
+        try {
+            request.request(command, "");
+            ADD_FAILURE() << "no exception for " << command;
+        } catch (const std::runtime_error& error) {
+            EXPECT_EQ(std::string("Internal error:") + std::strerror(EISDIR), error.what());
+        }
+    }
+    EXPECT_NE(std::string::npos, log().find("Caught error:Internal error:"));
 }
 
 // --- APPEND literal ---------------------------------------------------------

@@ -171,16 +171,30 @@ TEST(UidFetchResponse, OneLineAnswer) {
 }
 
 TEST(UidFetchResponse, AnswerWithoutUidKeepsThePreviousRecord) {
-    Wire wire("* 3 FETCH (UID 17 FLAGS (\\Seen))\r\n* 3 FETCH (FLAGS (\\Seen))\r\n* 4 EXISTS\r\n");
+    Wire wire(
+        "* 3 FETCH (UID 17 FLAGS (\\Seen) BODY[HEADER.FIELDS (TO)] {9}\r\nTo: a@b\r\n)\r\n"
+        "* 3 FETCH (FLAGS (\\Seen))\r\n* 4 EXISTS\r\n"
+        "* 5 FETCH (UID 18 RFC822.SIZE 5)\r\n* 6 FETCH (UID 19)\r\n");
     ZeImapResponseUIDFetch fetch(wire.feeder());
     ASSERT_TRUE(wire.line());
     EXPECT_EQ(1, fetch.parse());
-    ASSERT_TRUE(wire.line());
-    EXPECT_EQ(2, fetch.parse());
-    EXPECT_EQ(17u, fetch.data().uid);
-    ASSERT_TRUE(wire.line());
-    EXPECT_EQ(2, fetch.parse());
-    EXPECT_EQ(17u, fetch.data().uid);
+    for (int notAnswer = 0; notAnswer < 2; ++notAnswer) {
+        ASSERT_TRUE(wire.line());
+        EXPECT_EQ(2, fetch.parse());
+        EXPECT_EQ(3u, fetch.data().seq);
+        EXPECT_EQ(17u, fetch.data().uid);
+        EXPECT_EQ("\\Seen", fetch.data().flags);
+        EXPECT_EQ("To: a@b\r\n", fetch.data().headers.str());
+    }
+    // The next answers start from empty records, whichever storage they reuse.
+    for (unsigned long uid : {18ul, 19ul}) {
+        ASSERT_TRUE(wire.line());
+        EXPECT_EQ(1, fetch.parse());
+        EXPECT_EQ(uid, fetch.data().uid);
+        EXPECT_EQ(uid == 18 ? 5 : 0, fetch.data().size);
+        EXPECT_EQ("", fetch.data().flags);
+        EXPECT_TRUE(fetch.data().headers.empty());
+    }
 }
 
 TEST(UidFetchResponse, BodyLiteralIsStreamedInBufferSizedPieces) {
