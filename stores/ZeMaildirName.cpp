@@ -1,0 +1,81 @@
+#include "stores/ZeMaildirName.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <limits>
+
+namespace ZeMaildirName {
+
+std::string basename(const std::string& name) {
+    return name.substr(0, name.find(','));
+}
+
+std::string::size_type infoStart(const std::string& name) {
+    std::string::size_type at = name.find(kInfo2);
+    if (at == std::string::npos) {
+        at = name.find(kInfo3);
+    }
+    return at == std::string::npos ? at : at + 3;
+}
+
+FlagChars flagChars(const std::string& name) {
+    FlagChars flags;
+    std::string::size_type start = infoStart(name);
+    if (start == std::string::npos) {
+        return flags;
+    }
+    for (std::string::size_type i = start; i < name.size(); ++i) {
+        unsigned char c = static_cast<unsigned char>(name[i]);
+        if (c < flags.size()) {
+            flags.set(c);
+        }
+    }
+    return flags;
+}
+
+bool sizeFromName(const std::string& name, std::uint32_t* size) {
+    std::string::size_type at = name.find(kSizeMarker);
+    if (at == std::string::npos) {
+        return false;
+    }
+    unsigned long value = std::strtoul(name.c_str() + at + sizeof kSizeMarker - 1, nullptr, 10);
+    const unsigned long max = std::numeric_limits<std::uint32_t>::max();
+    *size = static_cast<std::uint32_t>(value > max ? max : value);
+    return true;
+}
+
+time_t date(const std::string& name) {
+    if (name.empty() || name[0] < '0' || name[0] > '9') {
+        return 0;
+    }
+    errno = 0;
+    unsigned long value = std::strtoul(name.c_str(), nullptr, 10);
+    const unsigned long max = static_cast<unsigned long>(std::numeric_limits<time_t>::max());
+    if (errno == ERANGE || value > max) {
+        return std::numeric_limits<time_t>::max();
+    }
+    return static_cast<time_t>(value);
+}
+
+std::string newName(const std::string& name, const FlagChars& flags) {
+    std::string::size_type start = infoStart(name);
+    std::string result = start == std::string::npos ? name + kInfo2 : name.substr(0, start);
+    for (std::size_t c = 0; c < flags.size(); ++c) {
+        if (flags.test(c)) {
+            result += static_cast<char>(c);
+        }
+    }
+    return result;
+}
+
+std::string::size_type stablePrefix(const std::string& name) {
+    for (const char* marker : {kUidMarker, kInfo2, kInfo3, kSizeMarker}) {
+        std::string::size_type at = name.find(marker);
+        if (at != std::string::npos) {
+            return at;
+        }
+    }
+    return std::string::npos;
+}
+
+}  // namespace ZeMaildirName

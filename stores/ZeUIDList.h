@@ -1,0 +1,145 @@
+#ifndef ZEMAIL_STORES_ZE_UID_LIST_H
+#define ZEMAIL_STORES_ZE_UID_LIST_H
+
+// The IMAP UIDs of the files of a Maildir folder, as the IMAP server records
+// them in "<folder>/.dovecot-uidlist". The Maildir back-end asks here so that
+// it reports the same UIDs as the IMAP path.
+//
+// The file as read (read only, never written):
+//
+//   3 V1700000000 N4 G...                    header, skipped unexamined
+//   1 :1700000000.M1P7.host,S=987:2,S         <uid> <blank> [fields] ":" <name>
+//   5 W989 :1700000005.M2P7.host              fields before ":" are ignored
+//
+// A record is a decimal UID (not 0, first character a digit, at most 64 bits),
+// exactly one blank (space or tab) right after the digits, then any text up
+// to the first ":", then the file name up to its first "," or the line end;
+// the stored name is the Maildir base name. Reading stops at the first line
+// that breaks this (and then forgets everything read so far), at the end of
+// the file, and at a line that does not fit a 1024-byte line buffer (1023
+// bytes with its line feed; records before it are kept). A record with an
+// empty name is skipped: no file can have it.
+//
+// The maps keep the first mapping they see for a UID and for a name, and a
+// re-read after the file changed adds to them without emptying them: once
+// UID 5 named a file, basename(5) keeps naming it until the file vanishes
+// (which empties the list) and is read again from scratch.
+//
+// Lookups never fail: unknown answers are (unsigned long)-1 for a UID and ""
+// for a name. Everything is safe to call from several threads.
+//
+//   boost::shared_ptr<ZeUIDList__> list =
+//       ZeUIDListManager__::instance()->GetUIDList("/mail/u/Maildir/.Sent/cur");
+//   unsigned long uid = list->uid("1700000005.M2P7.host,S=42:2,RS");  // 5
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <list>
+#include <map>
+#include <string>
+
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/mutex.hpp>
+
+// One folder's list.
+class ZeUIDList__ {
+public:
+    virtual ~ZeUIDList__() = default;
+    // The base name of the file with that UID, or "".
+    virtual std::string basename(unsigned long uid) = 0;
+    // The UID of a file; name is cut at its first ",". (unsigned long)-1 when
+    // unknown.
+    virtual unsigned long uid(const std::string& name) = 0;
+    // The UID of the first entry, in ascending byte order of base names,
+    // whose base name contains name anywhere (an empty name is in every
+    // one); (unsigned long)-1 when none does. A linear scan.
+    virtual unsigned long match(const std::string& name) = 0;
+};
+
+class ZeUIDListImpl : public ZeUIDList__ {
+public:
+    static constexpr unsigned long kUnknownUid = static_cast<unsigned long>(-1);
+    // The line buffer: a line with its line feed must fit, so it has at most
+    // kLineBufferSize - 2 bytes before the line feed.
+    static constexpr std::size_t kLineBufferSize = 1024;
+
+    // A list for the file at that path; nothing is read before the first
+    // lookup.
+    explicit ZeUIDListImpl(const std::string& uidlistFile);
+
+    std::string basename(unsigned long uid) override;
+    unsigned long uid(const std::string& name) override;
+    unsigned long match(const std::string& name) override;
+
+    const std::string& path() const { return file; }
+
+    // One record line without its line feed, as described at the top.
+    // Returns false when the line breaks the grammar; otherwise stores the
+    // UID and the base name's place inside line (its length may be 0).
+    static bool parseRecord(const char* line, std::size_t length, std::uint64_t* uidOut,
+                            const char** nameOut, std::size_t* nameLength);
+
+private:
+    // Brings the maps up to date with the file; called with mutex held.
+    void LoadUIDList();
+    // Reads the records of an opened file into the maps; returns false when
+    // a line broke the grammar.
+    bool _read_records(int fd, std::size_t fileSize);
+    void _add_record(std::uint64_t uidValue, const char* name, std::size_t nameLength);
+
+    std::map<std::uint64_t, std::string> byUid;
+    std::map<std::string, std::uint64_t> byName;
+    std::string file;  // <folder>/.dovecot-uidlist
+    bool loaded;       // the maps reflect the file as of mtime
+    bool parsedOk;     // the last read met no malformed line
+    time_t mtime;      // the file's modification time when last read
+    boost::mutex mutex;
+};
+
+// One cached folder of the manager.
+struct uidlist_record_t {
+    std::string path;  // the normalised folder path
+    time_t time;       // last use
+    boost::shared_ptr<ZeUIDListImpl> list;
+
+    bool operator<(const uidlist_record_t& other) const { return time < other.time; }
+};
+
+// The process-wide cache of folder lists.
+class ZeUIDListManager__ {
+public:
+    virtual ~ZeUIDListManager__() = default;
+    // The list of a folder. A trailing "/" and a last component "cur" or
+    // "new" are dropped first, so ".../Sent", ".../Sent/" and ".../Sent/cur/"
+    // share one list. Never null.
+    virtual boost::shared_ptr<ZeUIDList__> GetUIDList(const std::string& folder) = 0;
+
+    // The one manager of the process, made when the library is loaded and
+    // kept until the process ends.
+    static boost::shared_ptr<ZeUIDListManager__> instance();
+};
+
+// Keeps the lists of at most ten folders; asking for another one first drops
+// the least recently used down to nine. A dropped list lives on while a
+// caller still holds it.
+class ZeUIDListManagerImpl : public ZeUIDListManager__ {
+public:
+    static constexpr std::size_t kMaxKept = 9;  // kept before a new one is added
+
+    boost::shared_ptr<ZeUIDList__> GetUIDList(const std::string& folder) override;
+
+    // A new list for the (normalised) folder path; called with mutex held.
+    boost::shared_ptr<ZeUIDListImpl> AddUidList(const std::string& folder);
+
+    // The path under which GetUIDList caches a folder.
+    static std::string normalise(const std::string& folder);
+
+    std::size_t cached() const;
+
+private:
+    std::list<uidlist_record_t> records;
+    mutable boost::mutex mutex;
+};
+
+#endif

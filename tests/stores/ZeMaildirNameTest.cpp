@@ -1,0 +1,108 @@
+// Maildir file names read and rebuilt: base name, info part, size marker,
+// date, flag letters in sorted order, and the stable prefix used to find a
+// renamed file.
+#include "stores/ZeMaildirName.h"
+
+#include <limits>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace ZeMaildirName;
+
+FlagChars letters(const std::string& chars) {
+    FlagChars flags;
+    for (char c : chars) {
+        flags.set(static_cast<unsigned char>(c));
+    }
+    return flags;
+}
+
+std::string letters(const FlagChars& flags) {
+    std::string out;
+    for (std::size_t c = 0; c < flags.size(); ++c) {
+        if (flags.test(c)) {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+TEST(ZeMaildirNameTest, BaseNameEndsAtFirstComma) {
+    EXPECT_EQ("1.M1.h", ZeMaildirName::basename("1.M1.h,S=5:2,S"));
+    EXPECT_EQ("123.host:2",
+              ZeMaildirName::basename("123.host:2,SF"));  // the comma of ":2," counts too
+    EXPECT_EQ("plain", ZeMaildirName::basename("plain"));
+    EXPECT_EQ("", ZeMaildirName::basename(",U5"));
+    EXPECT_EQ("", ZeMaildirName::basename(""));
+}
+
+TEST(ZeMaildirNameTest, InfoPartFollowsFirstColonTwoElseColonThree) {
+    EXPECT_EQ("FS", letters(flagChars("123.host:2,SF")));
+    EXPECT_EQ("AX", letters(flagChars("123.host:3,XA")));
+    EXPECT_EQ("B", letters(flagChars("x:3,A:2,B")));  // ":2," wins wherever it stands
+    EXPECT_EQ(",2:CSUb", letters(flagChars("x:2,C:2,b,U:S")));
+    EXPECT_EQ("", letters(flagChars("x:2,")));
+    EXPECT_EQ("", letters(flagChars("x:1,S")));
+    EXPECT_EQ("", letters(flagChars("no-info")));
+    EXPECT_EQ(std::string::npos, infoStart("x:2"));
+    EXPECT_EQ(4u, infoStart("x:2,"));
+}
+
+TEST(ZeMaildirNameTest, BytesAboveAsciiAreNotFlags) {
+    EXPECT_EQ("S", letters(flagChars("x:2,S\x80\xff")));
+    EXPECT_EQ(std::string(1, '\x7f'), letters(flagChars("x:2,\x7f")));
+}
+
+TEST(ZeMaildirNameTest, SizeMarkerWithHashBeforeDigitsOnly) {
+    std::uint32_t size = 7;
+    EXPECT_TRUE(sizeFromName("123.x,#F#S#471:2,S", &size));
+    EXPECT_EQ(471u, size);
+    // The composer's spelling does not carry a size of its own.
+    size = 7;
+    EXPECT_FALSE(sizeFromName("123.x,#F#S471#E", &size));
+    EXPECT_EQ(7u, size);
+    EXPECT_FALSE(sizeFromName("123.x#F#S#471", &size));  // no comma before it
+
+    EXPECT_TRUE(sizeFromName("x,#F#S#", &size));
+    EXPECT_EQ(0u, size);
+    EXPECT_TRUE(sizeFromName("x,#F#S#4294967295", &size));
+    EXPECT_EQ(4294967295u, size);
+    EXPECT_TRUE(sizeFromName("x,#F#S#4294967296", &size));
+    EXPECT_EQ(4294967295u, size);  // capped, not wrapped to 0
+    EXPECT_TRUE(sizeFromName("x,#F#S#-1", &size));
+    EXPECT_EQ(4294967295u, size);
+}
+
+TEST(ZeMaildirNameTest, DateIsTheLeadingNumber) {
+    EXPECT_EQ(1700000000, date("1700000000.M1P2.host:2,S"));
+    EXPECT_EQ(0, date("abc.1700000000"));
+    EXPECT_EQ(0, date(" 12"));
+    EXPECT_EQ(0, date("-12"));
+    EXPECT_EQ(0, date(""));
+    EXPECT_EQ(std::numeric_limits<time_t>::max(), date("99999999999999999999999.x"));
+}
+
+TEST(ZeMaildirNameTest, NewNameSortsLettersAndKeepsMarker) {
+    EXPECT_EQ("123.host:2,DFS", newName("123.host:2,SF", letters("SFD")));
+    EXPECT_EQ("123.host:2,S", newName("123.host", letters("S")));
+    EXPECT_EQ("123.host:2,", newName("123.host", FlagChars()));
+    EXPECT_EQ("123.host:3,AX", newName("123.host:3,X", letters("XA")));
+    EXPECT_EQ("a:3,b:2,c", newName("a:3,b:2,z", letters("c")));
+    EXPECT_EQ("1,#F#S#9:2,T", newName("1,#F#S#9:2,ST", letters("T")));
+}
+
+TEST(ZeMaildirNameTest, StablePrefixEndsAtFirstMarkerInFixedOrder) {
+    EXPECT_EQ(5u, stablePrefix("123.x,U5:2,S"));
+    EXPECT_EQ(5u, stablePrefix("a:2,S,U9"));  // ",U" is looked for first
+    EXPECT_EQ(5u, stablePrefix("123.x:2,RS"));
+    EXPECT_EQ(9u, stablePrefix("123.x,S=1:2,S"));
+    EXPECT_EQ(5u, stablePrefix("123.x:3,S"));
+    EXPECT_EQ(5u, stablePrefix("123.x,#F#S#5"));
+    EXPECT_EQ(0u, stablePrefix(":2,S"));
+    EXPECT_EQ(std::string::npos, stablePrefix("123.x,#F#S5#E"));
+    EXPECT_EQ(std::string::npos, stablePrefix(""));
+}
+
+}  // namespace

@@ -1,0 +1,605 @@
+// The Maildir mailbox on temporary Maildirs: envelopes read from names, flag
+// changes as renames, the walk with scopes and filters, lookups by name,
+// prefix and UID, expunge, clean, and the folder walk of a tree.
+#include "stores/ZeMaildir.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <sstream>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/TestUtil.h"
+
+namespace {
+
+const char kMessage[] = "From: Ann <ann@example.org>\nSubject: hello\n\nbody text\n";
+// The same as the IMAP server sends it.
+const char kMessageWire[] = "From: Ann <ann@example.org>\r\nSubject: hello\r\n\r\nbody text\r\n";
+const unsigned long kUnknown = static_cast<unsigned long>(-1);
+
+class ZeMaildirTest : public ::testing::Test {
+protected:
+    const std::string& root() const { return dir.path(); }
+    std::string cur() const { return root() + "/cur/"; }
+
+    // A file in cur/, new/ or tmp/.
+    void put(const std::string& sub, const std::string& name,
+             const std::string& content = kMessage) {
+        dir.write(sub + "/" + name, content);
+    }
+    void makeEmpty(const std::string& sub) { ::mkdir((root() + "/" + sub).c_str(), 0700); }
+
+    // The entries of a subdirectory in the order the directory gives them.
+    std::vector<std::string> entries(const std::string& sub, bool sorted = true) const {
+        std::vector<std::string> names;
+        if (DIR* d = ::opendir((root() + "/" + sub).c_str())) {
+            while (const dirent* e = ::readdir(d)) {
+                std::string name = e->d_name;
+                if (name != "." && name != "..") {
+                    names.push_back(name);
+                }
+            }
+            ::closedir(d);
+        }
+        if (sorted) {
+            std::sort(names.begin(), names.end());
+        }
+        return names;
+    }
+
+    // The file names next() produces, sorted.
+    static std::vector<std::string> walk(ZeMaildir& box) {
+        std::vector<std::string> names;
+        box.reset();
+        while (box.next() == 1) {
+            names.push_back(box.fetch()->env()->msgID());
+        }
+        EXPECT_TRUE(box.fetch().isNull());
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    static ZeMaildirMsgEnv& envOf(ZeMessageRef& message) {
+        return dynamic_cast<ZeMaildirMsgEnv&>(*message->env());
+    }
+    static ZeMaildirMsg& msgOf(ZeMessageRef& message) {
+        return dynamic_cast<ZeMaildirMsg&>(*message);
+    }
+
+    zetest::TempDir dir{"zemail-maildir"};
+};
+
+// --- envelopes: what a name tells ---------------------------------------
+
+TEST_F(ZeMaildirTest, EnvelopeReadsLettersDateAndBaseName) {
+    put("cur", "1700000000.M1P2.host,S=5:2,SF");
+    ZeMaildirMsgEnv env(cur(), "1700000000.M1P2.host,S=5:2,SF", 7);
+    EXPECT_EQ(ZeMessageFlags::SEEN | ZeMessageFlags::FLAGGED, env.status().flags);
+    EXPECT_EQ(1700000000, env.date());
+    EXPECT_EQ("1700000000.M1P2.host", env.basename());
+    EXPECT_EQ(7u, env.uid());
+    EXPECT_EQ("", env.from());
+    EXPECT_EQ("1700000000.M1P2.host,S=5:2,SF", env.msgID());
+
+    ZeMaildirMsgEnv letters(cur(), "abc:2,STW15X", 0);
+    EXPECT_EQ(0, letters.date());
+    EXPECT_EQ(ZeMessageFlags::SEEN | ZeMessageFlags::DELETED | ZeMessageFlags::FORWARDED |
+                  ZeMessageFlags::LABEL1 | (ZeMessageFlags::LABEL1 << 4) |
+                  ZeMessageFlags::MAILDIR_X,
+              letters.status().flags);
+    // 'R' is no letter of this store: answered is 'A'.
+    EXPECT_EQ(0u, ZeMaildirMsgEnv(cur(), "x:2,R", 0).status().flags);
+}
+
+TEST_F(ZeMaildirTest, SizeFromMarkerOrFromTheFile) {
+    put("cur", "123.x,#F#S#471:2,S", "short");  // the marker wins over the file
+    put("cur", "123.y,#F#S471#E:2,S", "twelve bytes");
+    EXPECT_EQ(471u, ZeMaildirMsgEnv(cur(), "123.x,#F#S#471:2,S", 0).size());
+    EXPECT_EQ(12u, ZeMaildirMsgEnv(cur(), "123.y,#F#S471#E:2,S", 0).size());
+    EXPECT_EQ(0u, ZeMaildirMsgEnv(cur(), "missing:2,S", 0).size());
+}
+
+TEST_F(ZeMaildirTest, SetFlagRenamesWithSortedLetters) {
+    put("cur", "123.host:2,SF");
+    ZeMaildirMsgEnv env(cur(), "123.host:2,SF", 0);
+    env.setflag(ZeMessageFlags::DRAFT);
+    EXPECT_EQ("123.host:2,DFS", env.name());
+    EXPECT_EQ("123.host:2,DFS", env.msgID());
+    EXPECT_EQ(std::vector<std::string>{"123.host:2,DFS"}, entries("cur"));
+    EXPECT_EQ(std::string(kMessage), zetest::read_file(cur() + "123.host:2,DFS"));
+
+    env.unsetflag(ZeMessageFlags::SEEN);
+    EXPECT_EQ("123.host:2,DF", env.name());
+    EXPECT_EQ(ZeMessageFlags::DRAFT | ZeMessageFlags::FLAGGED, env.status().flags);
+
+    put("cur", "1.bare");  // no info part yet: ":2," comes with the first letter
+    ZeMaildirMsgEnv bare(cur(), "1.bare", 0);
+    bare.setflag(ZeMessageFlags::SEEN);
+    EXPECT_EQ("1.bare:2,S", bare.name());
+}
+
+TEST_F(ZeMaildirTest, FlagWithoutLetterOrFailedRenameChangesNothing) {
+    put("cur", "1.x:2,S");
+    ZeMaildirMsgEnv env(cur(), "1.x:2,S", 0);
+    env.setflag(ZeMessageFlags::RECENT);
+    env.setflag(ZeMessageFlags::EXT1);
+    EXPECT_EQ("1.x:2,S", env.name());
+
+    ZeMaildirMsgEnv gone(cur(), "2.gone:2,S", 0);
+    gone.setflag(ZeMessageFlags::FLAGGED);
+    EXPECT_EQ("2.gone:2,S", gone.name());
+    EXPECT_EQ(ZeMessageFlags::SEEN, gone.status().flags);
+    gone.unsetflag(ZeMessageFlags::SEEN);
+    EXPECT_EQ(ZeMessageFlags::SEEN, gone.status().flags);
+    EXPECT_EQ(std::vector<std::string>{"1.x:2,S"}, entries("cur"));
+}
+
+TEST_F(ZeMaildirTest, RenameNeverReplacesAnotherMessage) {
+    put("cur", "1.x:2,S", "first");
+    put("cur", "1.x:2,FS", "second");
+    ZeMaildirMsgEnv env(cur(), "1.x:2,S", 0);
+    env.setflag(ZeMessageFlags::FLAGGED);
+    EXPECT_EQ("1.x:2,S", env.name());
+    EXPECT_EQ("first", zetest::read_file(cur() + "1.x:2,S"));
+    EXPECT_EQ("second", zetest::read_file(cur() + "1.x:2,FS"));
+}
+
+// --- messages ---------------------------------------------------------------
+
+TEST_F(ZeMaildirTest, MessageTakesUidBaseNameAndTimeFromEnvelope) {
+    put("cur", "1700000000.M1.h,S=5:2,S");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    ZeMessageRef& m = box.fetch("1700000000.M1.h,S=5:2,S");
+    ASSERT_FALSE(m.isNull());
+    EXPECT_EQ(0u, m->uid());  // no uidlist: unknown to the list, 0 here
+    EXPECT_EQ(kUnknown, m->env()->uid());
+    EXPECT_EQ("1700000000.M1.h", m->basename());
+    EXPECT_EQ(1700000000, m->received());
+    EXPECT_EQ(ZeMessageFlags::SEEN, m->flags().flags);
+    EXPECT_EQ(cur() + "1700000000.M1.h,S=5:2,S", msgOf(m).getFileName());
+    EXPECT_EQ(std::string(kMessage), m.media().readAll());
+    ASSERT_NE(nullptr, ZeMessageRef::headerValue(m, "Subject"));
+    EXPECT_STREQ("hello", ZeMessageRef::headerValue(m, "Subject"));
+}
+
+TEST_F(ZeMaildirTest, HeadersAreReadOnceAndAMissingFileGivesNone) {
+    put("cur", "1.x:2,S");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    ZeMessageRef m = box.fetch("1.x:2,S");
+    ASSERT_EQ(0, ::unlink((cur() + "1.x:2,S").c_str()));
+    EXPECT_TRUE(m->headers().empty());
+    put("cur", "1.x:2,S");
+    EXPECT_TRUE(m->headers().empty());  // not read again
+}
+
+TEST_F(ZeMaildirTest, MessageSetFlagTestsABitPositionButSetsAFlagValue) {
+    put("cur", "1.seen:2,S");
+    put("cur", "2.unsorted:2,SF");
+    put("cur", "3.sorted:2,FS");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+
+    // Position 4 is \Seen (0x10), which is set: Draft (value 4) is not added.
+    ZeMessageRef seen = box.fetch("1.seen:2,S");
+    msgOf(seen).setflag(ZeMessageFlags::DRAFT);
+    EXPECT_EQ("1.seen:2,S", envOf(seen).name());
+
+    // Value 0x10 tests position 16, which no letter sets: the envelope is
+    // asked, and the name is rebuilt with sorted letters.
+    ZeMessageRef unsorted = box.fetch("2.unsorted:2,SF");
+    msgOf(unsorted).setflag(ZeMessageFlags::SEEN);
+    EXPECT_EQ("2.unsorted:2,FS", envOf(unsorted).name());
+    EXPECT_EQ(cur() + "2.unsorted:2,FS", msgOf(unsorted).getFileName());
+
+    // Already present and sorted: nothing is renamed.
+    ZeMessageRef sorted = box.fetch("3.sorted:2,FS");
+    msgOf(sorted).setflag(ZeMessageFlags::SEEN);
+    EXPECT_EQ("3.sorted:2,FS", envOf(sorted).name());
+
+    // unsetflag acts only when the position is set: value 0x10 tests
+    // position 16 and leaves \Seen alone.
+    msgOf(sorted).unsetflag(ZeMessageFlags::SEEN);
+    EXPECT_EQ("3.sorted:2,FS", envOf(sorted).name());
+    EXPECT_EQ((std::vector<std::string>{"1.seen:2,S", "2.unsorted:2,FS", "3.sorted:2,FS"}),
+              entries("cur"));
+}
+
+TEST_F(ZeMaildirTest, PermanentRemoveDeletesTheFile) {
+    put("cur", "1.x:2,S");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    ZeMessageRef m = box.fetch("1.x:2,S");
+    EXPECT_EQ(0, m.direct_message()->permanent_remove());
+    EXPECT_TRUE(entries("cur").empty());
+}
+
+// --- opening and walking --------------------------------------------------
+
+TEST_F(ZeMaildirTest, OpenMovesNewMailToCurUnderItsOwnName) {
+    put("new", "1.new");
+    put("new", ".hidden");
+    put("cur", "2.cur:2,S");
+    put("cur", ".also-hidden");
+    put("tmp", "3.tmp");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    EXPECT_EQ(1, box.open());
+    EXPECT_EQ((std::vector<std::string>{".also-hidden", "1.new", "2.cur:2,S"}), entries("cur"));
+    EXPECT_EQ(std::vector<std::string>{".hidden"}, entries("new"));
+    EXPECT_EQ(std::vector<std::string>{"3.tmp"}, entries("tmp"));
+    EXPECT_EQ(2, box.total_messages());
+    EXPECT_EQ((std::vector<std::string>{"1.new", "2.cur:2,S"}), walk(box));
+    EXPECT_EQ((std::vector<std::string>{"1.new", "2.cur:2,S"}), walk(box));  // reset rewinds
+    EXPECT_EQ(MAILBOX_OPEN_DIRECT, box.open_method());
+}
+
+TEST_F(ZeMaildirTest, WalkFollowsDirectoryOrder) {
+    for (int i = 0; i < 20; ++i) {
+        put("cur", std::to_string(1000 + i * 37 % 20) + ".m:2,S");
+    }
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    box.reset();
+    std::vector<std::string> order;
+    while (box.next() == 1) {
+        order.push_back(box.fetch()->env()->msgID());
+    }
+    EXPECT_EQ(entries("cur", false), order);
+}
+
+TEST_F(ZeMaildirTest, MissingCurIsOpenButEmpty) {
+    ZeMaildir box(ZeMUserRef(), root() + "/nothing-here", 0ul);
+    EXPECT_EQ(1, box.open());
+    EXPECT_TRUE(box.is_open());
+    EXPECT_EQ(0, box.next());
+    EXPECT_TRUE(box.fetch().isNull());
+    EXPECT_EQ(0, box.total_messages());
+}
+
+TEST_F(ZeMaildirTest, CreateMakesTheMaildirOrFailsToOpen) {
+    ZeMaildir made(ZeMUserRef(), root() + "/.New", 1ul);
+    EXPECT_EQ(1, made.open());
+    struct stat st;
+    EXPECT_EQ(0, ::stat((root() + "/.New/cur").c_str(), &st));
+    EXPECT_EQ(0, ::stat((root() + "/.New/tmp").c_str(), &st));
+
+    dir.write("plain-file", "x");
+    ZeMaildir blocked(ZeMUserRef(), root() + "/plain-file/.Sub", false, true);
+    EXPECT_EQ(0, blocked.open());
+    EXPECT_FALSE(blocked.is_open());
+    EXPECT_FALSE(blocked.option());
+    EXPECT_TRUE(ZeMaildir(ZeMUserRef(), root(), true, false).option());
+}
+
+TEST_F(ZeMaildirTest, CloseWithoutFullKeepsItOpenWithoutStream) {
+    put("cur", "1.a:2,S");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    box.reset();
+    box.close(false);
+    EXPECT_EQ(1, box.open());
+    box.reset();
+    EXPECT_EQ(0, box.next());
+    box.close(true);
+    EXPECT_EQ(std::vector<std::string>{"1.a:2,S"}, walk(box));
+}
+
+TEST_F(ZeMaildirTest, UidsComeFromTheFolderUidList) {
+    put("cur", "1700000001.M1.h,S=55:2,S");
+    put("cur", "1700000002.M2.h:2,");
+    put("cur", "1700000003.M3.h,S=9");
+    dir.write(".dovecot-uidlist",
+              "3 V1 N4\n1 :1700000001.M1.h,S=55\n2 :1700000002.M2.h\n3 :1700000003.M3.h,S=9\n");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    std::map<std::string, unsigned long> uids;
+    box.reset();
+    while (box.next() == 1) {
+        uids[box.fetch()->env()->msgID()] = box.fetch()->uid();
+    }
+    EXPECT_EQ(1u, uids["1700000001.M1.h,S=55:2,S"]);
+    // Cut at its first comma, "…M2.h:2,S" is looked up as "…M2.h:2".
+    EXPECT_EQ(0u, uids["1700000002.M2.h:2,"]);
+    EXPECT_EQ(3u, uids["1700000003.M3.h,S=9"]);
+    EXPECT_EQ(3u, box.uid_from_file("1700000003.M3.h,S=9:2,T"));
+    EXPECT_EQ("1700000002.M2.h", box.file_from_uid(2));
+    EXPECT_EQ("", box.file_from_uid(4));
+}
+
+// A scope that keeps envelopes whose name holds one text and messages whose
+// base name holds another, and is done after a number of matches.
+class NameScope : public ZeMScopeImpl {
+public:
+    NameScope(std::string envelopeText, std::string messageText, int limit)
+        : m_envelope(std::move(envelopeText)), m_message(std::move(messageText)), m_limit(limit) {}
+    std::string imap_criteria() const override { return ""; }
+    bool match(ZeMessageEnv& envelope) override {
+        return envelope.msgID().find(m_envelope) != std::string::npos;
+    }
+    bool match(ZeMessageBase& message) override {
+        bool ok = message.basename().find(m_message) != std::string::npos;
+        matched += ok ? 1 : 0;
+        return ok;
+    }
+    bool done() const override { return m_limit > 0 && matched >= m_limit; }
+    void reset() override {
+        matched = 0;
+        ++resets;
+    }
+    int matched = 0;
+    int resets = 0;
+
+private:
+    std::string m_envelope;
+    std::string m_message;
+    int m_limit;
+};
+
+TEST_F(ZeMaildirTest, ScopeRejectsByEnvelopeThenByMessageAndEndsTheWalk) {
+    put("cur", "1.keep-a:2,S");
+    put("cur", "2.keep-b:2,S");
+    put("cur", "3.drop-a:2,S");
+    put("cur", "4.keep-a2:2,S");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    auto* scope = new NameScope("keep", "-a", 0);
+    box.setScope(ZeMScopeRef(Corvane::Ref<ZeMScopeImpl>::adopt(scope)));
+    EXPECT_EQ((std::vector<std::string>{"1.keep-a:2,S", "4.keep-a2:2,S"}), walk(box));
+    EXPECT_EQ(1, scope->resets);
+
+    auto* limited = new NameScope("", "", 1);
+    box.setScope(ZeMScopeRef(Corvane::Ref<ZeMScopeImpl>::adopt(limited)));
+    EXPECT_EQ(1u, walk(box).size());
+    EXPECT_EQ(1u, walk(box).size());  // reset() rewinds the scope too
+}
+
+// --- lookups ------------------------------------------------------------------
+
+TEST_F(ZeMaildirTest, FetchFindsRenamedFileByStablePrefix) {
+    put("cur", "123.x:2,RS");
+    put("cur", "5.h,U7:2,FS");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    ZeMessageRef& byInfo = box.fetch("123.x:2,S");
+    ASSERT_FALSE(byInfo.isNull());
+    EXPECT_EQ("123.x:2,RS", byInfo->env()->msgID());
+    EXPECT_EQ(byInfo.get(), box.fetch().get());
+    EXPECT_EQ("5.h,U7:2,FS", box.fetch("5.h,U7:2,S")->env()->msgID());
+    EXPECT_EQ("5.h,U7:2,FS", box.fetch("5.h,U7")->env()->msgID());
+}
+
+TEST_F(ZeMaildirTest, FetchMissesGiveNullCurrentMessage) {
+    put("cur", "123.x:2,S");
+    put("cur", ".123.x:2,S");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    ASSERT_FALSE(box.fetch("123.x:2,S").isNull());
+    EXPECT_TRUE(box.fetch("123.x").isNull());  // no marker, no such file
+    EXPECT_TRUE(box.fetch().isNull());
+    EXPECT_TRUE(box.fetch(":2,S").isNull());  // empty prefix
+    EXPECT_TRUE(box.fetch("999.y:2,S").isNull());
+    EXPECT_TRUE(box.fetch("").isNull());
+    dir.write("outside:2,S", "x");
+    EXPECT_TRUE(box.fetch("../outside:2,S").isNull());
+}
+
+TEST_F(ZeMaildirTest, RetrieveTakesFirstNameContainingTheKeyInDirectoryOrder) {
+    put("cur", "1700000012.a:2,S");
+    put("cur", "1700000099.b:2,S");
+    put("cur", "1700000112.c:2,S");
+    put("new", "1700000212.d");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    ZeMessageRef first = box.fetch("1700000099.b:2,S");
+
+    ZeMessageRef found = box.retrieve_message("12");
+    ASSERT_FALSE(found.isNull());
+    std::string expected;
+    for (const std::string& name : entries("cur", false)) {
+        if (name.find("12") != std::string::npos) {
+            expected = name;
+            break;
+        }
+    }
+    EXPECT_EQ(expected, found->env()->msgID());
+    EXPECT_EQ(0u, found->env()->uid());
+    EXPECT_EQ(first.get(), box.fetch().get());              // current unchanged on a hit
+    EXPECT_FALSE(box.retrieve_message("0212.d").isNull());  // new/ was moved first
+
+    EXPECT_TRUE(box.retrieve_message("").isNull());
+    EXPECT_EQ(first.get(), box.fetch().get());
+    EXPECT_TRUE(box.retrieve_message("nowhere").isNull());
+    EXPECT_TRUE(box.fetch().isNull());  // a miss releases the current message
+}
+
+TEST_F(ZeMaildirTest, RetrieveByUidGoesThroughTheUidList) {
+    put("cur", "1700000001.M1.h,S=5:2,S");
+    put("cur", "1700000002.M2.h,S=5:2,S");
+    dir.write(".dovecot-uidlist", "3 V1 N3\n1 :1700000001.M1.h,S=5\n2 :1700000002.M2.h,S=5\n");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    ZeMessageRef m = box.retrieve_message(2ul);
+    ASSERT_FALSE(m.isNull());
+    EXPECT_EQ("1700000002.M2.h,S=5:2,S", m->env()->msgID());
+    EXPECT_TRUE(box.retrieve_message(3ul).isNull());
+
+    std::ostringstream body;
+    EXPECT_EQ(0, box.retrieve_body(body, 2));
+    EXPECT_EQ(kMessageWire, body.str());
+    std::ostringstream none;
+    EXPECT_EQ(4, box.retrieve_body(none, 3));
+    EXPECT_EQ("", none.str());
+}
+
+// --- expunge, clean, append -------------------------------------------------
+
+TEST_F(ZeMaildirTest, ExpungeRemovesOnlyDeletedAndLeavesMailboxClosed) {
+    put("cur", "1.a:2,ST");
+    put("cur", "2.b:2,S");
+    put("cur", "3.c:3,T");
+    put("cur", "4.d,T");  // the letter outside an info part means nothing
+    put("new", "5.e");
+    dir.write(".dovecot-uidlist", "3 V1 N2\n1 :1.a\n");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    box.reset();
+    EXPECT_EQ(0, box.expunge());
+    EXPECT_FALSE(box.is_open());
+    EXPECT_EQ((std::vector<std::string>{"2.b:2,S", "4.d,T", "5.e"}), entries("cur"));
+    EXPECT_EQ("3 V1 N2\n1 :1.a\n", zetest::read_file(root() + "/.dovecot-uidlist"));
+}
+
+TEST_F(ZeMaildirTest, CleanEmptiesCurAndNewButNotTmp) {
+    put("cur", "1.a:2,S");
+    put("cur", ".keep");
+    put("new", "2.b");
+    put("tmp", "3.c");
+    dir.write(".vt_folder_size", "0S\n10 1\n");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    EXPECT_EQ(0, box.clean());
+    EXPECT_EQ(std::vector<std::string>{".keep"}, entries("cur"));
+    EXPECT_TRUE(entries("new").empty());
+    EXPECT_EQ(std::vector<std::string>{"3.c"}, entries("tmp"));
+    EXPECT_NE(0, ::access((root() + "/.vt_folder_size").c_str(), F_OK));
+    EXPECT_EQ(0, box.clean());  // nothing left, still fine
+}
+
+TEST_F(ZeMaildirTest, AppendOfAMessageIsRefusedWithTheQueueText) {
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    try {
+        box.append(ZeMessageRef(), ZeMDirectMailBox::STATUS_KEEP, ZeMessageFlags());
+        FAIL() << "append returned";
+    } catch (const Corvane::Exception& e) {
+        EXPECT_EQ(" ZeMQueue::append - Not Implimented", e.text());
+        EXPECT_EQ(4, e.code());
+        EXPECT_EQ("ZeMaildir", e.file());
+        EXPECT_EQ(358, e.line());
+    }
+}
+
+// --- sections -------------------------------------------------------------------
+
+const char kMultipart[] =
+    "From: Ann <ann@example.org>\n"
+    "Subject: report\n"
+    "MIME-Version: 1.0\n"
+    "Content-Type: multipart/mixed; boundary=\"XX\"\n"
+    "\n"
+    "--XX\n"
+    "Content-Type: text/plain; charset=utf-8\n"
+    "\n"
+    "Hi Bob\n"
+    "--XX\n"
+    "Content-Type: application/pdf; name=\"report.pdf\"\n"
+    "Content-Disposition: attachment; filename=\"report.pdf\"\n"
+    "Content-Transfer-Encoding: base64\n"
+    "\n"
+    "JVBERi0xLjQK\n"
+    "--XX--\n";
+
+TEST_F(ZeMaildirTest, WholeMessageSectionByKeyAndByUid) {
+    put("cur", "1700000001.M1.h,U17:2,S");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    std::ostringstream out;
+    EXPECT_EQ(0, box.retrieve_section(out, std::string(",U17"), ""));
+    EXPECT_EQ(kMessageWire, out.str());
+    Corvane::Buffer buffer;
+    EXPECT_EQ(0, box.retrieve_section(buffer, 17ul, ""));  // UID 17 becomes the key ",U17"
+    EXPECT_EQ(kMessageWire, buffer.str());
+    std::ostringstream none;
+    EXPECT_EQ(4, box.retrieve_section(none, std::string(",U18"), ""));
+    EXPECT_EQ(
+        0, box.retrieve_section(none, std::string(",U17"), "3"));  // the server's answer: no bytes
+    EXPECT_EQ("", none.str());
+}
+
+TEST_F(ZeMaildirTest, PartsOfAMultipartFile) {
+    put("cur", "1700000002.M2.h,U5:2,S", kMultipart);
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    ZeMessageRef m = box.retrieve_message(",U5");
+    ASSERT_FALSE(m.isNull());
+
+    ZeImapMimeRef tree = box.retrieve_mime(m);
+    ASSERT_FALSE(tree.isNull());
+    EXPECT_EQ(Corvane::ContentType::MULTIPART, tree->media_type());
+    ASSERT_EQ(2u, tree->children().size());
+    EXPECT_EQ("2", tree->children().back()->section());
+    EXPECT_EQ("report.pdf", tree->children().back()->disposition().filename);
+    EXPECT_EQ(tree.get(), box.retrieve_mime(m).get());  // kept with the message
+
+    std::ostringstream text;
+    EXPECT_EQ(0, box.retrieve_section(text, std::string(",U5"), "1"));
+    EXPECT_EQ("Hi Bob", text.str());
+    std::ostringstream pdf;
+    EXPECT_EQ(0, box.retrieve_section(pdf, 5ul, "2"));
+    EXPECT_EQ("JVBERi0xLjQK", pdf.str());
+    std::ostringstream header;
+    EXPECT_EQ(0, box.retrieve_section(header, std::string(",U5"), "HEADER"));
+    EXPECT_EQ(0u, header.str().find("From: Ann <ann@example.org>\r\n"));
+
+    ZeImapMimeRef part = box.retrieve_section_mime(std::string(",U5"), "2");
+    ASSERT_FALSE(part.isNull());
+    EXPECT_EQ(Corvane::ContentType::APPLICATION, part->media_type());
+    EXPECT_EQ(Corvane::ENCODING_BASE64, part->content_type().encoding);
+    EXPECT_EQ(Corvane::ContentDisposition::ATTACHMENT, part->disposition().type);
+    EXPECT_TRUE(box.retrieve_section_mime(std::string(",U5"), "9").isNull());
+    EXPECT_TRUE(box.retrieve_section_mime(std::string(",U6"), "1").isNull());
+}
+
+// Collects what foreach_sections hands out, and stops where told.
+class Collector : public ZeMessageSectionVisitor {
+public:
+    explicit Collector(int stopAfter = 0) : m_stopAfter(stopAfter) {}
+    int visit(ZeMessageRef&, const ZeImapMimeRef& part, Corvane::MediaIn& content) override {
+        seen.push_back(part->section() + "=" + content.readAll());
+        return m_stopAfter != 0 && static_cast<int>(seen.size()) == m_stopAfter ? 7 : 0;
+    }
+    std::vector<std::string> seen;
+
+private:
+    int m_stopAfter;
+};
+
+TEST_F(ZeMaildirTest, ForeachSectionsDecodesLeavesInTreeOrder) {
+    put("cur", "1700000002.M2.h,U5:2,S", kMultipart);
+    put("cur", "1700000003.M3.h,U6:2,S");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    ZeMessageRef multipart = box.retrieve_message(",U5");
+    Collector all;
+    EXPECT_EQ(0, box.foreach_sections(multipart, &all));
+    EXPECT_EQ((std::vector<std::string>{"=", "1=Hi Bob", "2=%PDF-1.4\n"}), all.seen);
+
+    Collector first(2);
+    EXPECT_EQ(7, box.foreach_sections(multipart, &first));
+    EXPECT_EQ(2u, first.seen.size());
+
+    ZeMessageRef single = box.retrieve_message(",U6");
+    Collector one;
+    EXPECT_EQ(0, box.foreach_sections(single, &one));
+    EXPECT_EQ(std::vector<std::string>{"=body text\r\n"}, one.seen);
+
+    ZeMessageRef none;
+    EXPECT_EQ(0, box.foreach_sections(none, &all));
+    ZeMessageRef vanished = box.retrieve_message(",U6");
+    ASSERT_EQ(0, ::unlink((cur() + "1700000003.M3.h,U6:2,S").c_str()));
+    Collector never;
+    EXPECT_EQ(4, box.foreach_sections(vanished, &never));
+    EXPECT_TRUE(never.seen.empty());
+    EXPECT_TRUE(box.retrieve_mime(vanished).isNull());
+}
+
+// --- folders of a tree ----------------------------------------------------------
+
+TEST_F(ZeMaildirTest, ProcessorRegistersFoldersButNotMaildirPartsOrHiddenOnes) {
+    for (const char* sub : {"cur", "new", "tmp", ".Sent/cur", ".Sent/new", "Work/cur",
+                            "Work/2019/cur", ".deleted.1500000000.812.Old/cur"}) {
+        ASSERT_EQ(0, ::system(("mkdir -p '" + root() + "/" + sub + "'").c_str()));
+    }
+    ASSERT_EQ(0, ::symlink(root().c_str(), (root() + "/loop").c_str()));
+    ZeMUserRef user = ZeMUserRef::createDirect(MAILBOX_TYPE_MAILDIR, "tree@example.org");
+    ASSERT_FALSE(user.isNull());
+    MaildirProcessor(user, root()).process(root());
+
+    std::map<std::string, std::string> parents;
+    for (const ZeMFolderRef& folder : user->folders()) {
+        parents[folder->name()] = folder->parent();
+    }
+    EXPECT_EQ(
+        (std::map<std::string, std::string>{{".Sent", ""}, {"Work", ""}, {"Work/2019", "Work"}}),
+        parents);
+}
+
+}  // namespace

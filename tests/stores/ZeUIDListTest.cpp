@@ -1,0 +1,361 @@
+// The UID list read from a folder's ".dovecot-uidlist": record grammar, where
+// reading stops, first-mapping-wins across re-reads, and the folder cache.
+#include "stores/ZeUIDList.h"
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "support/TestUtil.h"
+
+namespace {
+
+const unsigned long kUnknown = static_cast<unsigned long>(-1);
+const std::string kHeader = "3 V1700000000 N9 G3085f01b8a2c0b65\n";
+
+class ZeUIDListTest : public ::testing::Test {
+protected:
+    std::string file() const { return dir.path() + "/.dovecot-uidlist"; }
+
+    // Writes the list file with an explicit modification time, so that a
+    // test decides whether the list sees a change (times have 1 s steps).
+    void write(const std::string& content, time_t when) {
+        dir.write(".dovecot-uidlist", content);
+        setTime(when);
+    }
+    void setTime(time_t when) {
+        struct timespec times[2] = {{when, 0}, {when, 0}};
+        ASSERT_EQ(0, ::utimensat(AT_FDCWD, file().c_str(), times, 0));
+    }
+    // A fresh list on the file, so every test starts unloaded.
+    ZeUIDListImpl& list() { return *m_list; }
+
+    zetest::TempDir dir{"zemail-uidlist"};
+
+private:
+    std::unique_ptr<ZeUIDListImpl> m_list{new ZeUIDListImpl(dir.path() + "/.dovecot-uidlist")};
+};
+
+// --- record grammar -------------------------------------------------------
+
+TEST_F(ZeUIDListTest, RecordMapsUidToBaseNameAndNameIsCutAtFirstComma) {
+    write(kHeader + "5 W989 :123.M1P2.host,S=987:2,S\n", 1000);
+    EXPECT_EQ("123.M1P2.host", list().basename(5));
+    EXPECT_EQ(5u, list().uid("123.M1P2.host,S=987:2,RS"));
+    EXPECT_EQ(5u, list().uid("123.M1P2.host"));
+    EXPECT_EQ(kUnknown, list().uid("123.M1P2"));
+    EXPECT_EQ("", list().basename(6));
+}
+
+TEST_F(ZeUIDListTest, HeaderLineIsSkippedWhateverItHolds) {
+    write("7 :looks-like-a-record\n8 :real\n", 1000);
+    EXPECT_EQ("", list().basename(7));
+    EXPECT_EQ("real", list().basename(8));
+    write("not a header at all\n8 :real\n", 1001);
+    EXPECT_EQ("real", list().basename(8));
+}
+
+TEST_F(ZeUIDListTest, BlanksFieldsAndNameBoundaries) {
+    write(kHeader +
+              "1   G0af3 W12 :many-blanks\n"
+              "2\t:after-a-tab\n"
+              "3 :no-comma:2,S\n"
+              "4 Xa:b :first-colon-starts-the-name\n"
+              "5 :\xe4\xf6\xff.high-bytes,S=1\n"
+              "18446744073709551614 :largest\n"
+              "6 :last-line-without-feed",
+          1000);
+    EXPECT_EQ("many-blanks", list().basename(1));
+    EXPECT_EQ("after-a-tab", list().basename(2));
+    EXPECT_EQ("no-comma:2", list().basename(3));
+    EXPECT_EQ(3u, list().uid("no-comma:2,S"));
+    EXPECT_EQ("b :first-colon-starts-the-name", list().basename(4));
+    EXPECT_EQ(5u, list().uid("\xe4\xf6\xff.high-bytes"));
+    EXPECT_EQ(18446744073709551614ul, list().uid("largest"));
+    EXPECT_EQ("last-line-without-feed", list().basename(6));
+}
+
+TEST_F(ZeUIDListTest, EmptyNameIsSkippedWithoutStoppingTheRead) {
+    write(kHeader + "3 :\n4 W1 :,S=5\n5 :after\n", 1000);
+    EXPECT_EQ("", list().basename(3));
+    EXPECT_EQ("", list().basename(4));
+    EXPECT_EQ(kUnknown, list().uid(""));
+    EXPECT_EQ("after", list().basename(5));
+}
+
+TEST_F(ZeUIDListTest, FirstMappingSeenForUidAndForNameWins) {
+    write(kHeader + "5 :a\n5 :b\n6 :a\n", 1000);
+    EXPECT_EQ("a", list().basename(5));
+    EXPECT_EQ("a", list().basename(6));
+    EXPECT_EQ(5u, list().uid("a"));
+    EXPECT_EQ(5u, list().uid("b"));
+}
+
+TEST_F(ZeUIDListTest, MalformedLineDropsEverythingReadSoFar) {
+    const char* broken[] = {
+        "0 :uid-zero",
+        "7:no-blank",
+        "x7 :no-leading-digit",
+        " 7 :leading-blank",
+        "7 no-colon",
+        "7",
+        "",
+        "18446744073709551616 :uid-over-64-bits",
+    };
+    time_t when = 1000;
+    for (const char* line : broken) {
+        SCOPED_TRACE(line);
+        write(kHeader + "1 :good\n" + line + "\n2 :after\n", ++when);
+        ZeUIDListImpl fresh(file());
+        EXPECT_EQ(kUnknown, fresh.uid("good"));
+        EXPECT_EQ("", fresh.basename(1));
+        EXPECT_EQ("", fresh.basename(2));
+        EXPECT_EQ(kUnknown, fresh.match(""));
+    }
+}
+
+TEST_F(ZeUIDListTest, LineThatDoesNotFitTheBufferEndsTheReadKeepingWhatCameBefore) {
+    // 1023 bytes with the line feed fit; one more does not.
+    auto record = [](unsigned uid, std::size_t length) {
+        std::string head = std::to_string(uid) + " :";
+        return head + std::string(length - head.size(), 'n');
+    };
+    write(kHeader + "1 :first\n" + record(2, 1022) + "\n3 :third\n", 1000);
+    EXPECT_EQ(std::string(1022 - 3, 'n'), list().basename(2));
+    EXPECT_EQ("third", list().basename(3));
+
+    write(kHeader + "1 :first\n" + record(2, 1023) + "\n3 :third\n", 1001);
+    ZeUIDListImpl tooLong(file());
+    EXPECT_EQ("first", tooLong.basename(1));
+    EXPECT_EQ("", tooLong.basename(2));
+    EXPECT_EQ("", tooLong.basename(3));
+
+    // As the last line, without a line feed, 1023 bytes still fit.
+    write(kHeader + record(2, 1023), 1002);
+    ZeUIDListImpl lastLine(file());
+    EXPECT_EQ(std::string(1023 - 3, 'n'), lastLine.basename(2));
+    write(kHeader + record(2, 1024), 1003);
+    ZeUIDListImpl lastTooLong(file());
+    EXPECT_EQ("", lastTooLong.basename(2));
+}
+
+// --- lookups ----------------------------------------------------------------
+
+TEST_F(ZeUIDListTest, MatchTakesFirstContainingNameInNameOrder) {
+    write(kHeader + "1 :b-12.host\n2 :a-12.host\n3 :c-99.host\n", 1000);
+    EXPECT_EQ(2u, list().match("12"));
+    EXPECT_EQ(3u, list().match("99.h"));
+    EXPECT_EQ(1u, list().match("b-12.host"));
+    EXPECT_EQ(kUnknown, list().match("b-12.host,S=1"));
+    EXPECT_EQ(kUnknown, list().match("zz"));
+    EXPECT_EQ(2u, list().match(""));  // the empty text is in every name
+}
+
+// --- the file on disk -------------------------------------------------------
+
+TEST_F(ZeUIDListTest, FileIsReadAgainOnlyWhenItsTimeChangesAndOldMappingsStay) {
+    write(kHeader + "5 :old-five\n", 1000);
+    EXPECT_EQ("old-five", list().basename(5));
+
+    write(kHeader + "5 :new-five\n6 :six\n", 1000);  // same time: not read
+    EXPECT_EQ("", list().basename(6));
+
+    setTime(1001);
+    EXPECT_EQ("six", list().basename(6));
+    EXPECT_EQ("old-five", list().basename(5));
+    EXPECT_EQ(5u, list().uid("old-five"));  // gone from the file, kept here
+    EXPECT_EQ(5u, list().uid("new-five"));
+
+    ASSERT_EQ(0, ::unlink(file().c_str()));
+    EXPECT_EQ("", list().basename(5));
+    write(kHeader + "5 :new-five\n", 1001);  // same time as before: still read afresh
+    EXPECT_EQ("new-five", list().basename(5));
+    EXPECT_EQ(kUnknown, list().uid("old-five"));
+}
+
+TEST_F(ZeUIDListTest, MalformedRewriteEmptiesLoadedListUntilFixed) {
+    write(kHeader + "1 :one\n", 1000);
+    EXPECT_EQ(1u, list().uid("one"));
+    write(kHeader + "1 :one\n2:broken\n", 1001);
+    EXPECT_EQ(kUnknown, list().uid("one"));
+    EXPECT_EQ(kUnknown, list().uid("one"));  // stays empty while the file stays
+    write(kHeader + "1 :one\n", 1002);
+    EXPECT_EQ(1u, list().uid("one"));
+}
+
+TEST_F(ZeUIDListTest, BadFilesGiveUnknownAnswersAndAreLeftAsTheyWere) {
+    EXPECT_EQ(kUnknown, list().uid("missing"));
+    EXPECT_EQ("", list().basename(1));
+
+    const std::string content = kHeader + "1 :one\n2 :two\n3:bad";
+    write(content, 1000);
+    struct stat before;
+    ASSERT_EQ(0, ::stat(file().c_str(), &before));
+    EXPECT_EQ(kUnknown, list().uid("one"));
+    struct stat after;
+    ASSERT_EQ(0, ::stat(file().c_str(), &after));
+    EXPECT_EQ(before.st_mtime, after.st_mtime);
+    EXPECT_EQ(content, zetest::read_file(file()));
+
+    ASSERT_EQ(0, ::unlink(file().c_str()));
+    ASSERT_EQ(0, ::mkdir(file().c_str(), 0700));
+    EXPECT_EQ(kUnknown, list().uid("one"));
+    ASSERT_EQ(0, ::rmdir(file().c_str()));
+
+    // A FIFO in the file's place must not block the reader.
+    ASSERT_EQ(0, ::mkfifo(file().c_str(), 0600));
+    EXPECT_EQ(kUnknown, list().uid("one"));
+}
+
+TEST_F(ZeUIDListTest, EmptyAndHeaderOnlyFilesAreEmptyLists) {
+    write("", 1000);
+    EXPECT_EQ(kUnknown, list().match(""));
+    write(kHeader, 1001);
+    EXPECT_EQ(kUnknown, list().match(""));
+    write(std::string(5000, 'h') + "\n1 :after-long-header\n", 1002);
+    EXPECT_EQ("", list().basename(1));
+}
+
+// --- the manager --------------------------------------------------------------
+
+TEST(ZeUIDListManagerTest, FolderPathsAreNormalised) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"/m/Inbox/cur/", "/m/Inbox"},
+        {"/m/Inbox/new", "/m/Inbox"},
+        {"/m/Inbox/", "/m/Inbox"},
+        {"/m/Inbox", "/m/Inbox"},
+        {"/m/cur/cur", "/m/cur"},
+        {"/m/Inbox/tmp", "/m/Inbox/tmp"},
+        {"/m/xcur", "/m/xcur"},
+        {"cur", "cur"},
+        {"/m/Inbox//", "/m/Inbox/"},
+        {"/cur", ""},
+        {"", ""},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.second, ZeUIDListManagerImpl::normalise(c.first)) << c.first;
+    }
+}
+
+TEST(ZeUIDListManagerTest, CurAndFolderShareOneListReadingTheFolderFile) {
+    zetest::TempDir dir("zemail-uidlist");
+    dir.write("Inbox/.dovecot-uidlist", kHeader + "4 :four\n");
+    ZeUIDListManagerImpl manager;
+    auto viaCur = manager.GetUIDList(dir.path() + "/Inbox/cur/");
+    auto plain = manager.GetUIDList(dir.path() + "/Inbox");
+    EXPECT_EQ(viaCur.get(), plain.get());
+    EXPECT_EQ(1u, manager.cached());
+    EXPECT_EQ(4u, plain->uid("four"));
+}
+
+TEST(ZeUIDListManagerTest, EleventhFolderDropsTheLeastRecentlyUsed) {
+    ZeUIDListManagerImpl manager;
+    std::vector<boost::shared_ptr<ZeUIDList__>> first;
+    for (int i = 0; i < 10; ++i) {
+        first.push_back(manager.GetUIDList("/f" + std::to_string(i)));
+    }
+    EXPECT_EQ(10u, manager.cached());
+
+    // Let the clock move on, then use /f0 again: /f1 is now the oldest.
+    time_t start = ::time(nullptr);
+    while (::time(nullptr) == start) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_EQ(first[0].get(), manager.GetUIDList("/f0").get());
+
+    manager.GetUIDList("/f10");
+    EXPECT_EQ(10u, manager.cached());
+    EXPECT_EQ(first[0].get(), manager.GetUIDList("/f0").get());
+    for (int i = 2; i < 10; ++i) {
+        EXPECT_EQ(first[i].get(), manager.GetUIDList("/f" + std::to_string(i)).get()) << i;
+    }
+    // /f1 was dropped: asking again makes a new list (the old one lives on
+    // in our hands, so the addresses cannot coincide).
+    EXPECT_NE(first[1].get(), manager.GetUIDList("/f1").get());
+    EXPECT_EQ(10u, manager.cached());
+}
+
+TEST(ZeUIDListManagerTest, DroppedListStillAnswersItsHolder) {
+    zetest::TempDir dir("zemail-uidlist");
+    dir.write("A/.dovecot-uidlist", kHeader + "1 :kept\n");
+    ZeUIDListManagerImpl manager;
+    auto held = manager.GetUIDList(dir.path() + "/A");
+    for (int i = 0; i < 12; ++i) {
+        manager.GetUIDList("/other" + std::to_string(i));
+    }
+    EXPECT_NE(held.get(), manager.GetUIDList(dir.path() + "/A").get());
+    EXPECT_EQ(1u, held->uid("kept"));
+}
+
+TEST(ZeUIDListManagerTest, InstanceIsOneManagerForTheProcess) {
+    auto a = ZeUIDListManager__::instance();
+    ASSERT_TRUE(a);
+    EXPECT_EQ(a.get(), ZeUIDListManager__::instance().get());
+}
+
+// --- threads ------------------------------------------------------------------
+
+// Readers on many folders (more than the cache holds, so lists are dropped
+// and made again) while a writer keeps adding records to one of them: every
+// answer must be the one its own folder's file gives.
+TEST(ZeUIDListManagerTest, ConcurrentLookupsSeeTheirOwnFolder) {
+    zetest::TempDir dir("zemail-uidlist");
+    const int kFolders = 14;
+    for (int f = 0; f < kFolders; ++f) {
+        std::string content = kHeader;
+        for (int u = 1; u <= 50; ++u) {
+            content +=
+                std::to_string(u) + " :f" + std::to_string(f) + "-m" + std::to_string(u) + ",S=1\n";
+        }
+        dir.write("F" + std::to_string(f) + "/.dovecot-uidlist", content);
+    }
+    ZeUIDListManagerImpl manager;
+    std::atomic<bool> stop{false};
+    std::atomic<int> wrong{0};
+
+    std::thread writer([&] {
+        std::string path = dir.path() + "/F0/.dovecot-uidlist";
+        for (int round = 0; round < 30 && !stop; ++round) {
+            std::string content = kHeader;
+            for (int u = 1; u <= 50 + round; ++u) {
+                content += std::to_string(u) + " :f0-m" + std::to_string(u) + "\n";
+            }
+            std::string tmp = path + ".tmp";
+            dir.write("F0/.dovecot-uidlist.tmp", content);
+            struct timespec times[2] = {{2000 + round, 0}, {2000 + round, 0}};
+            ::utimensat(AT_FDCWD, tmp.c_str(), times, 0);
+            ::rename(tmp.c_str(), path.c_str());
+        }
+    });
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 4; ++t) {
+        readers.emplace_back([&, t] {
+            for (int i = 0; i < 3000; ++i) {
+                int f = (i * 7 + t) % kFolders;
+                int u = 1 + (i * 13 + t) % 50;
+                std::string name = "f" + std::to_string(f) + "-m" + std::to_string(u);
+                auto list = manager.GetUIDList(dir.path() + "/F" + std::to_string(f) + "/cur");
+                if (list->uid(name + ",S=1:2,S") != static_cast<unsigned long>(u) ||
+                    list->basename(u) != name) {
+                    ++wrong;
+                }
+            }
+        });
+    }
+    for (auto& r : readers) {
+        r.join();
+    }
+    stop = true;
+    writer.join();
+    EXPECT_EQ(0, wrong.load());
+    EXPECT_LE(manager.cached(), 10u);
+}
+
+}  // namespace
