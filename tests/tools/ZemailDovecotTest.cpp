@@ -190,6 +190,24 @@ TEST_F(Zemail, ChangesThroughTheServerAreSeenOnDisk) {
     }
     EXPECT_TRUE(on_disk);
 
+    // And the other way: a flag set on disk is what the server reports.
+    EXPECT_EQ("Draft Seen",
+              json(with({"flag", "INBOX", "1", "+Draft"}, true)).get<std::string>("flags"));
+    const ptree served = json(with({"list", "INBOX"}, false));
+    std::string served_flags = "(UID 1 not listed)";
+    for (const auto& m : served.get_child("messages")) {
+        if (m.second.get<unsigned long>("uid") == 1) {
+            served_flags = m.second.get<std::string>("flags");
+        }
+    }
+    EXPECT_NE(std::string::npos, served_flags.find("Draft Seen")) << served_flags;
+
+    // Removing on disk: marked, then gone with the expunge.
+    json(with({"delete", "INBOX", "1"}, true));
+    EXPECT_NE(std::string::npos,
+              json(with({"show", "INBOX", "1"}, true)).get<std::string>("flags").find("Deleted"));
+    json(with({"flag", "INBOX", "1", "-Deleted"}, true));
+
     json(with({"move", "INBOX", "1", "Work"}, false));
     EXPECT_EQ(2, json(with({"list", "Work"}, true)).get<int>("total"));
     json(with({"delete", "INBOX", "2"}, false));
@@ -230,6 +248,8 @@ TEST_F(Zemail, FailuresExitNonZeroWithOneLineNamingTheProblem) {
              "IMAP server cannot be started");
     one_line(zemail({"--user", kAnn, "flag", "INBOX", "1", "+Bogus"}), "unknown flag 'Bogus'");
     one_line(zemail({"--user", kAnn, "frobnicate"}), "unknown command 'frobnicate'");
+    one_line(zemail({"--user", kAnn, "--direct", "move", "INBOX", "1", "Work"}),
+             "moving needs the IMAP server");
     const Result help = zemail({"list", "--help"});
     EXPECT_EQ(0, help.code);
     EXPECT_NE(std::string::npos, help.out.find("usage: zemail [options] list FOLDER"));

@@ -18,6 +18,7 @@
 #include "model/ZeMScopeAndFilter.h"
 #include "model/ZeMailBox.h"
 #include "model/ZeMessageFlags.h"
+#include "stores/ZeMaildir.h"
 #include "support/Exception.h"
 #include "support/Paths.h"
 #include "support/mime/ContentType.h"
@@ -40,10 +41,18 @@ struct Session {
     ZeMUserRef user;
 
     bool direct() const { return method == MAILBOX_OPEN_DIRECT; }
-    // The string key of a message: the UID itself over IMAP, ",U<uid>" in
-    // the stores read from disk.
-    std::string key(unsigned long uid) const {
-        return direct() ? ",U" + std::to_string(uid) : std::to_string(uid);
+    // The string key of a message: the UID itself over IMAP; on disk the
+    // message's file base name, which the stores find by containment (the
+    // ",U<uid>" key form needs the UID in the file name, which the server's
+    // own file names do not carry).
+    std::string key(ZeMessageRef& message) const {
+        if (!direct()) {
+            return std::to_string(message->uid());
+        }
+        const std::string name = message->basename().empty() && !message->env().isNull()
+                                     ? message->env()->basename()
+                                     : message->basename();
+        return name.substr(0, name.find(':'));
     }
 };
 
@@ -449,9 +458,9 @@ void structure_table(const ZeImapMimeRef& node, int depth, Table& table) {
 }
 
 // The readable text of a leaf: transfer encoding undone, charset made UTF-8.
-std::string readable(ZeMailBoxRef& box, unsigned long uid, const ZeImapMimeRef& leaf) {
+std::string readable(ZeMailBoxRef& box, const std::string& key, const ZeImapMimeRef& leaf) {
     std::ostringstream raw;
-    box->retrieve_section(raw, uid, leaf->section().empty() ? "1" : leaf->section());
+    box->retrieve_section(raw, key, leaf->section().empty() ? "1" : leaf->section());
     std::string text = Corvane::decode_string(leaf->content_type().encoding, raw.str());
     std::string utf8;
     const std::string& charset = leaf->content_type().charset;
@@ -468,11 +477,11 @@ int cmd_show(const Session& s, const Invocation& call, std::ostream& out) {
     ZeMailBoxRef box = open_mailbox(s, folder);
     ZeMessageRef message = find_message(box, s, folder, uid);
     if (call.has("raw")) {
-        box->retrieve_body(out, uid);
+        box->retrieve_section(out, s.key(message), "");
         return 0;
     }
     if (call.has("section")) {
-        box->retrieve_section(out, uid, call.get("section"));
+        box->retrieve_section(out, s.key(message), call.get("section"));
         return 0;
     }
     ZeImapMimeRef tree = box->retrieve_mime(message);
@@ -487,7 +496,7 @@ int cmd_show(const Session& s, const Invocation& call, std::ostream& out) {
             }
         }
     }
-    const std::string text = body.isNull() ? std::string() : readable(box, uid, body);
+    const std::string text = body.isNull() ? std::string() : readable(box, s.key(message), body);
     static const char* const kShown[] = {"Date", "From", "To", "Cc", "Subject"};
     if (s.json) {
         Json headers = Json::object();
@@ -560,6 +569,36 @@ void report(const Session& s, std::ostream& out, const std::string& what, int co
     }
 }
 
+// On disk a flag is a letter of the file name: each changed flag renames
+// the file through its envelope. Keywords without a letter cannot be kept
+// there.
+int change_on_disk(ZeMessageRef& message, const ZeMessageFlags& change) {
+    auto* envelope = dynamic_cast<ZeMaildirMsgEnv*>(message->env().get());
+    if (envelope == nullptr) {
+        throw CommandError("this store cannot change flags on disk");
+    }
+    const unsigned long now = envelope->status().flags;
+    for (unsigned long bit = 1; bit != 0 && bit <= 0x80000000UL; bit <<= 1) {
+        if (ZeMessageFlags::getMaildirFlag(bit) == 0) {
+            if (change.test(bit)) {
+                throw CommandError("flag '" + flag_names(ZeMessageFlags(bit)) +
+                                   "' cannot be stored on disk");
+            }
+            continue;
+        }
+        const bool wanted =
+            change.action == ZeMessageFlags::REMOVE
+                ? (now & bit) != 0 && !change.test(bit)
+                : change.test(bit) || (change.action == ZeMessageFlags::ADD && (now & bit) != 0);
+        if (wanted && (now & bit) == 0) {
+            envelope->setflag(static_cast<unsigned int>(bit));
+        } else if (!wanted && (now & bit) != 0) {
+            envelope->unsetflag(static_cast<unsigned int>(bit));
+        }
+    }
+    return 0;
+}
+
 int cmd_flag(const Session& s, const Invocation& call, std::ostream& out) {
     const std::string folder = call.args[0];
     const unsigned long uid = parse_uid(call.args[1]);
@@ -575,7 +614,9 @@ int cmd_flag(const Session& s, const Invocation& call, std::ostream& out) {
         if (action == 0) {
             throw UsageError("a flag change starts with +, - or =, not '" + change + "'");
         }
-        const int code = box->modify_message(s.key(uid), parse_flags(change.substr(1), action));
+        const ZeMessageFlags flags = parse_flags(change.substr(1), action);
+        const int code = s.direct() ? change_on_disk(message, flags)
+                                    : box->modify_message(s.key(message), flags);
         if (code != 0) {
             throw CommandError("changing flags of UID " + std::to_string(uid) + " failed (code " +
                                std::to_string(code) + ")");
@@ -594,20 +635,34 @@ int cmd_flag(const Session& s, const Invocation& call, std::ostream& out) {
 int cmd_move(const Session& s, const Invocation& call, std::ostream& out) {
     const unsigned long uid = parse_uid(call.args[1]);
     ZeMailBoxRef box = open_mailbox(s, call.args[0]);
-    find_message(box, s, call.args[0], uid);
+    ZeMessageRef message = find_message(box, s, call.args[0], uid);
+    if (s.direct()) {
+        throw CommandError(
+            "moving needs the IMAP server, which keeps both folders' UIDs (omit --direct)");
+    }
     report(s, out, "moved UID " + std::to_string(uid) + " to " + call.args[2],
-           box->move_message(s.key(uid), call.args[2]));
+           box->move_message(s.key(message), call.args[2]));
     return 0;
 }
 
 int cmd_delete(const Session& s, const Invocation& call, std::ostream& out) {
     const unsigned long uid = parse_uid(call.args[1]);
     ZeMailBoxRef box = open_mailbox(s, call.args[0]);
-    find_message(box, s, call.args[0], uid);
+    ZeMessageRef message = find_message(box, s, call.args[0], uid);
     const bool permanent = call.has("permanent");
+    int code;
+    if (!s.direct()) {
+        code = box->remove_message(s.key(message), permanent);
+    } else if (permanent) {
+        ZeMDirectMessage* file = message.direct_message();
+        code = file != nullptr ? file->permanent_remove() : 4;
+    } else {
+        code =
+            change_on_disk(message, ZeMessageFlags(ZeMessageFlags::DELETED, ZeMessageFlags::ADD));
+    }
     report(s, out,
            std::string(permanent ? "removed" : "marked deleted") + " UID " + std::to_string(uid),
-           box->remove_message(s.key(uid), permanent));
+           code);
     return 0;
 }
 
@@ -621,6 +676,10 @@ int cmd_append(const Session& s, const Invocation& call, std::ostream& out) {
     const std::string& file = call.args[1];
     if (::access(file.c_str(), R_OK) != 0) {
         throw CommandError("cannot read message file '" + file + "'");
+    }
+    if (s.direct()) {
+        throw CommandError(
+            "appending needs the IMAP server, which gives the new message its UID (omit --direct)");
     }
     ZeMailBoxRef box = open_mailbox(s, call.args[0]);
     report(s, out, "appended " + file + " to " + call.args[0],
