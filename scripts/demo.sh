@@ -30,7 +30,8 @@ run() {
 
 run --user ann@example.org folders
 run --user ann@example.org list INBOX --per-page 10
-run --user ann@example.org list Lists/Mailman --search release --per-page 5
+run --user ann@example.org list Lists/Mailman --subject multipart --per-page 5
+run --user ann@example.org list INBOX --flagged --attachment
 
 # The newest multipart message of the inbox: its structure and readable body.
 uid=$("$zemail" --user ann@example.org --json list INBOX --per-page 200 | python3 -c '

@@ -15,7 +15,9 @@
 #include "imap/ZeImapClient.h"
 #include "imap/ZeImapMime.h"
 #include "model/ZeMUser.h"
+#include "model/ZeMFilters.h"
 #include "model/ZeMScopeAndFilter.h"
+#include "model/ZeMScopes.h"
 #include "model/ZeMailBox.h"
 #include "model/ZeMessageFlags.h"
 #include "stores/ZeMaildir.h"
@@ -269,24 +271,6 @@ int cmd_folders(const Session& s, std::ostream& out) {
 
 // ------------------------------------------------------------------ list
 
-// Positions counted from the newest message, as the IMAP mailbox pages.
-class PageScope : public ZeMScopeImpl {
-public:
-    PageScope(long start, long end) : m_start(start), m_end(end) {}
-    std::string imap_criteria() const override { return ""; }
-    bool match(ZeMessageEnv&) override { return true; }
-    bool match(ZeMessageBase&) override { return true; }
-    bool range(long& start, long& end) const override {
-        start = m_start;
-        end = m_end;
-        return true;
-    }
-
-private:
-    long m_start;
-    long m_end;
-};
-
 struct Row {
     unsigned long uid;
     ZeMessageFlags flags;
@@ -296,56 +280,57 @@ struct Row {
     std::string subject;
 };
 
-bool wanted(const Invocation& call, const Row& row) {
-    const auto holds = [](const std::string& text, const std::string& part) {
-        return std::search(text.begin(), text.end(), part.begin(), part.end(), [](char a, char b) {
-                   return std::tolower(static_cast<unsigned char>(a)) ==
-                          std::tolower(static_cast<unsigned char>(b));
-               }) != text.end();
-    };
-    if (call.has("unseen") && row.flags.test(ZeMessageFlags::SEEN)) {
-        return false;
-    }
-    if (call.has("flagged") && !row.flags.test(ZeMessageFlags::FLAGGED)) {
-        return false;
-    }
-    if (call.has("from") && !holds(row.from, call.get("from"))) {
-        return false;
-    }
-    if (call.has("subject") && !holds(row.subject, call.get("subject"))) {
-        return false;
-    }
-    if (call.has("search") && !holds(row.from + "\n" + row.subject, call.get("search"))) {
-        return false;
-    }
-    return true;
-}
-
-bool filtered(const Invocation& call) {
-    for (const char* name : {"unseen", "flagged", "from", "subject", "search", "attachment"}) {
-        if (call.has(name)) {
-            return true;
+// The command's filters as the library's filter objects: over IMAP they
+// become one server search, on disk each message is matched as it is read.
+std::vector<ZeMFilterRef> filters_of(const Invocation& call) {
+    std::vector<ZeMFilterRef> filters;
+    const auto add = [&](ZeMFilterRef filter, const std::string& what) {
+        if (filter.isNull()) {
+            throw UsageError("cannot search for " + what);
         }
+        filters.push_back(filter);
+    };
+    if (call.has("search")) {
+        add(FZeMSearchText::create(call.get("search")), "'" + call.get("search") + "'");
     }
-    return false;
+    if (call.has("from")) {
+        add(FZeMHeader::create("From", call.get("from")), "From '" + call.get("from") + "'");
+    }
+    if (call.has("subject")) {
+        add(FZeMHeader::create("Subject", call.get("subject")),
+            "Subject '" + call.get("subject") + "'");
+    }
+    if (call.has("unseen")) {
+        add(FZeMStatus::create(ZeMessageFlags(ZeMessageFlags::SEEN, ZeMessageFlags::ALL_UNSET)),
+            "unread messages");
+    }
+    if (call.has("flagged")) {
+        add(FZeMStatus::create(ZeMessageFlags(ZeMessageFlags::FLAGGED, ZeMessageFlags::ALL_SET)),
+            "flagged messages");
+    }
+    if (call.has("attachment")) {
+        add(FZeMAttachment::create(), "attachments");
+    }
+    return filters;
 }
 
 int cmd_list(const Session& s, const Invocation& call, std::ostream& out) {
     const std::string folder = call.args[0];
     const long page = call.number("page", 1, 1, 1000000);
     const long per_page = call.number("per-page", 25, 1, 10000);
-    if (call.has("attachment")) {
-        throw UsageError("--attachment needs the search filters, which this build lacks");
-    }
+    const std::vector<ZeMFilterRef> filters = filters_of(call);
     ZeMailBoxRef box(s.user, folder, s.method);
-    // Over IMAP without filters the server pages; otherwise the whole folder
-    // is read and filtered, sorted and paged here.
-    const bool server_pages = !s.direct() && !filtered(call);
-    if (!box.isNull() && server_pages) {
-        box->setScope(ZeMScopeRef(Corvane::Ref<ZeMScopeImpl>::adopt(
-            new PageScope((page - 1) * per_page, page * per_page))));
-    } else if (!box.isNull() && !s.direct()) {
-        box->setScope(ZeMScopeRef(Corvane::Ref<ZeMScopeImpl>::adopt(new PageScope(0, 1L << 30))));
+    // Over IMAP without filters the server's newest-first page is asked for
+    // directly; with filters the server searches and the matches are paged
+    // here, as they are when the folder is read from disk.
+    const bool server_pages = !s.direct() && filters.empty();
+    if (!box.isNull()) {
+        if (server_pages) {
+            box->setScope(ZeMScopeRange::create((page - 1) * per_page, page * per_page));
+        }
+        for (const ZeMFilterRef& filter : filters) {
+            box->andFilter(filter);
+        }
     }
     open_or_fail(box, s, folder);
     std::vector<Row> rows;
@@ -362,9 +347,7 @@ int cmd_list(const Session& s, const Invocation& call, std::ostream& out) {
                 m->received() ? m->received() : ZeMessageRef::time(m),
                 header(m, "From"),
                 header(m, "Subject")};
-        if (wanted(call, row)) {
-            rows.push_back(std::move(row));
-        }
+        rows.push_back(std::move(row));
     }
     std::sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) { return a.uid > b.uid; });
     const long total = server_pages ? box->total_messages() : static_cast<long>(rows.size());
