@@ -160,7 +160,7 @@ public:
     ContentDisposition contentDisposition() const;
 
     // The part IMAP BODY[section] addresses ("" is the whole message, "2.1"
-    // the first part inside part 2, "1" the body of a single-part message),
+    // the first part inside section 2, "1" the body of a single-part message),
     // or nullptr. Only numbers: no ".MIME", ".HEADER" or ".TEXT".
     const MimePart* find(const std::string& section) const;
 

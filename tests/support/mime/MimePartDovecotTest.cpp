@@ -236,9 +236,9 @@ std::vector<std::pair<std::string, std::string>> oddMessages() {
                      nestedMultipart(99, "Subject: in a digest\n", "digest"));
     out.emplace_back("10005 parts", manyParts(10005, ""));
     out.emplace_back(
-        "message as part 9999",
+        "message as section 9999",
         manyParts(9998, "--QQ\nContent-Type: message/rfc822\n\nSubject: inner\n\nbody\n"));
-    out.emplace_back("multipart as part 9999",
+    out.emplace_back("multipart as section 9999",
                      manyParts(9998,
                                "--QQ\nContent-Type: multipart/alternative; boundary=RR\n\n"
                                "--RR\n\nx\n--RR--\n"));

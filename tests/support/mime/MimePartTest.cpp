@@ -151,7 +151,7 @@ TEST(MimePartBoundaries, TheLineEndBeforeABoundaryBelongsToTheBoundary) {
 }
 
 TEST(MimePartBoundaries, AHeaderCutByABoundaryGivesItsLastLineEndAway) {
-    // Part 1's header has no blank line; part 2's blank line is followed at
+    // The first part's header has no blank line; the second's blank line is followed at
     // once by the boundary, which then takes its line end.
     const std::string text =
         "Content-Type: multipart/mixed; boundary=XX\n\n--XX\nContent-Type: text/plain\nX-A: b\n"
