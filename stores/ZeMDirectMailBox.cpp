@@ -9,39 +9,46 @@
 
 namespace {
 
-// The message's file parsed, or null for a null message or an unreadable file.
-std::unique_ptr<Corvane::MimePart> parse(const ZeMessageRef& message, std::string* path) {
-    ZeMDirectMessage* direct = message.direct_message();
-    if (direct == nullptr) {
-        return nullptr;
-    }
-    *path = direct->getFileName();
-    return Corvane::Rfc822MsgParser().parseFile(*path);
-}
+// A direct message's bytes, read once through its own stream (a file for
+// Maildir and single-message files, the unquoted text for mbox), and their
+// tree. Empty (root null) for a null message or one that cannot be read.
+struct ParsedMessage {
+    std::string bytes;
+    std::unique_ptr<Corvane::MimePart> root;
 
-// The section's bytes as the server sends them: true when the message file
-// could be read; out stays empty when the section names nothing (the server
-// then answers with no bytes, too).
-bool section_bytes(const ZeMessageRef& message, const std::string& section, std::string& out) {
-    std::string path;
-    std::unique_ptr<Corvane::MimePart> root = parse(message, &path);
-    if (root == nullptr) {
-        return false;
+    explicit ParsedMessage(const ZeMessageRef& message) {
+        ZeMDirectMessage* direct = message.direct_message();
+        if (direct == nullptr) {
+            return;
+        }
+        Corvane::MediaIn in = direct->media();
+        if (in.isNull()) {
+            return;
+        }
+        bytes = in.readAll();
+        root = Corvane::Rfc822MsgParser().parse(bytes);
     }
-    if (!Corvane::readSection(path, *root, section, out)) {
-        out.clear();
+
+    // The section's bytes as the server sends them; empty when the section
+    // names nothing (the server then answers with no bytes, too).
+    std::string section(const std::string& name, Corvane::SectionForm form) const {
+        std::string out;
+        if (!Corvane::readSection(bytes.data(), bytes.size(), *root, name, out, form)) {
+            out.clear();
+        }
+        return out;
     }
-    return true;
-}
+};
 
 }  // namespace
 
 int ZeMDirectMailBox::_write_section(std::ostream& out, const ZeMessageRef& message,
                                      const std::string& section) {
-    std::string bytes;
-    if (!section_bytes(message, section, bytes)) {
+    const ParsedMessage parsed(message);
+    if (parsed.root == nullptr) {
         return 4;
     }
+    const std::string bytes = parsed.section(section, Corvane::SectionForm::IMAP);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     return 0;
 }
@@ -51,12 +58,11 @@ ZeImapMimeRef ZeMDirectMailBox::retrieve_mime(ZeMessageRef& message) {
         return ZeImapMimeRef();
     }
     if (message->mime().isNull()) {
-        std::string path;
-        std::unique_ptr<Corvane::MimePart> root = parse(message, &path);
-        if (root == nullptr) {
+        const ParsedMessage parsed(message);
+        if (parsed.root == nullptr) {
             return ZeImapMimeRef();
         }
-        message->mime(toImapMime(*root));
+        message->mime(toImapMime(*parsed.root));
     }
     return ZeImapMimeRef(message->mime());
 }
@@ -83,17 +89,16 @@ int ZeMDirectMailBox::foreach_sections(ZeMessageRef& message, ZeMessageSectionVi
     if (tree.isNull()) {
         return 4;
     }
-    std::string path;
-    std::unique_ptr<Corvane::MimePart> root = parse(message, &path);
+    const ParsedMessage parsed(message);
     return ze_visit_sections(message, tree, *visitor, [&](const ZeImapMimeRef& node) {
         if (node->media_type() == Corvane::ContentType::MULTIPART) {
             return Corvane::MediaIn();
         }
-        // A single-part message's body is its section 1.
-        const std::string section = node->section().empty() ? "1" : node->section();
-        std::string raw;
         std::string decoded;
-        if (root != nullptr && Corvane::readSection(path, *root, section, raw)) {
+        if (parsed.root != nullptr) {
+            // A single-part message's body is its section 1.
+            const std::string raw = parsed.section(node->section().empty() ? "1" : node->section(),
+                                                   Corvane::SectionForm::IMAP);
             Corvane::MediaOut decoder = Corvane::get_decoder(node->content_type().encoding,
                                                              Corvane::MediaOut::toString(decoded));
             decoder->write(raw.data(), raw.size());

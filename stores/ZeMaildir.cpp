@@ -133,7 +133,7 @@ Corvane::HeaderContainer& ZeMaildirMsg::headers() {
 }
 
 Corvane::MediaIn ZeMaildirMsg::media() {
-    return Corvane::MediaIn::adopt(new Corvane::FileMediaIn(m_path));
+    return Corvane::MediaIn::fromFile(m_path);
 }
 
 int ZeMaildirMsg::permanent_remove() {

@@ -92,6 +92,7 @@ public:
     // parsed gives no headers.
     Corvane::HeaderContainer& headers() override;
 
+    // A stream over the file; a null handle when it cannot be opened.
     Corvane::MediaIn media() override;
     std::string getFileName() const override { return m_path; }
     // Maildir messages are not rewritten in place: does nothing.

@@ -240,6 +240,19 @@ unsigned long ZeUIDListImpl::uid(const std::string& name) {
     return found != byName.end() ? found->second : kUnknownUid;
 }
 
+unsigned long ZeUIDListImpl::cached_uid(const std::string& name) {
+    {
+        boost::mutex::scoped_lock lock(mutex);
+        if (loaded) {
+            auto found = byName.find(name.substr(0, name.find(',')));
+            if (found != byName.end()) {
+                return found->second;
+            }
+        }
+    }
+    return uid(name);
+}
+
 unsigned long ZeUIDListImpl::match(const std::string& name) {
     boost::mutex::scoped_lock lock(mutex);
     LoadUIDList();

@@ -55,6 +55,12 @@ public:
     // whose base name contains name anywhere (an empty name is in every
     // one); (unsigned long)-1 when none does. A linear scan.
     virtual unsigned long match(const std::string& name) = 0;
+    // uid(name) for walks over a folder: a name the list already knows is
+    // answered from the maps as they stood at the last read, without looking
+    // at the file again (a known name keeps its UID across re-reads anyway);
+    // any other name goes to uid(), which re-reads a changed file. A walk
+    // calls uid() for its first name and this for the rest.
+    virtual unsigned long cached_uid(const std::string& name) = 0;
 };
 
 class ZeUIDListImpl : public ZeUIDList__ {
@@ -71,6 +77,7 @@ public:
     std::string basename(unsigned long uid) override;
     unsigned long uid(const std::string& name) override;
     unsigned long match(const std::string& name) override;
+    unsigned long cached_uid(const std::string& name) override;
 
     const std::string& path() const { return file; }
 
