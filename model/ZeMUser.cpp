@@ -12,15 +12,9 @@
 #include "imap/ZeImapRequest.h"
 #include "imap/ZeImapResponse.h"
 #include "model/ZeMImapSession.h"
+#include "stores/ZeMaildir.h"
 #include "support/Exception.h"
 #include "support/StoreUtil.h"
-
-// The plain Maildir tree is scanned by the Maildir back-end's unit, once it
-// is part of the library.
-#if __has_include("stores/ZeMaildir.h")
-#include "stores/ZeMaildir.h"
-#define ZEMAIL_HAVE_MAILDIR 1
-#endif
 
 namespace {
 
@@ -31,12 +25,10 @@ bool exists(const std::string& path) {
     return ::stat(path.c_str(), &st) == 0;
 }
 
-#ifdef ZEMAIL_HAVE_MAILDIR
 bool is_directory(const std::string& path) {
     struct stat st;
     return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
-#endif
 
 long long kib(long long bytes) {
     return (bytes + 1023) / 1024;
@@ -311,14 +303,12 @@ int ZeMUserDirect::get_quota(long long* count, long long* kbytes) {
 int ZeMUserDirect::open() {
     switch (m_id.type()) {
         case MAILBOX_TYPE_MAILDIR:
-#ifdef ZEMAIL_HAVE_MAILDIR
             if (is_directory(m_id.mailpath())) {
                 // The scanner holds the user by handle while it runs; the
                 // handle adds a count, so the user outlives it either way.
                 MaildirProcessor scanner(ZeMUserRef(Corvane::Ref<ZeMUser>(this)), m_id.mailpath());
                 scanner.process(m_id.mailpath());
             }
-#endif
             break;
         case MAILBOX_TYPE_ARCHIVE:
         case MAILBOX_TYPE_ROTATED:

@@ -7,12 +7,8 @@
 #include "stores/ZeMailImap.h"
 #include "support/StoreUtil.h"
 
-// The stores read from disk are separate units; the factory offers each of
-// them once its unit is part of the library.
-#if __has_include("stores/ZeMaildir.h")
 #include "stores/ZeMaildir.h"
-#define ZEMAIL_HAVE_MAILDIR 1
-#endif
+// The mbox store is offered once its unit is part of the library.
 #if __has_include("stores/ZeMbox.h")
 #include "stores/ZeMbox.h"
 #define ZEMAIL_HAVE_MBOX 1
@@ -252,11 +248,9 @@ ZeMailBoxRef::ZeMailBoxRef(ZeMUserRef user, const std::string& folder, MailboxOp
         if (dir.empty()) {
             return;
         }
-#ifdef ZEMAIL_HAVE_MAILDIR
-        if (made == nullptr && vtl_is_maildir_folder(dir)) {
+        if (vtl_is_maildir_folder(dir)) {
             made = new ZeMaildir(user, dir, option1, create);
         }
-#endif
 #ifdef ZEMAIL_HAVE_MBOX
         if (made == nullptr && vtl_is_mbox(dir)) {
             made = new ZeMbox(dir, option1, create);

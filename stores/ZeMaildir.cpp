@@ -11,7 +11,6 @@
 
 #include <boost/filesystem/operations.hpp>
 
-#include "stores/ZeUIDList.h"
 #include "support/Exception.h"
 #include "support/StoreUtil.h"
 
@@ -53,16 +52,21 @@ ZeMaildirMsgEnv::ZeMaildirMsgEnv(const std::string& dir, const std::string& name
       m_uid(uid),
       m_flagchars(ZeMaildirName::flagChars(name)),
       m_size(0),
-      m_msgid(name) {
-    if (!ZeMaildirName::sizeFromName(name, &m_size)) {
+      m_size_known(ZeMaildirName::sizeFromName(name, &m_size)),
+      m_msgid(name) {}
+
+unsigned long ZeMaildirMsgEnv::size() {
+    if (!m_size_known) {
+        m_size_known = true;
         struct stat st;
-        if (::stat((dir + name).c_str(), &st) == 0 && st.st_size > 0) {
+        if (::stat((m_dir + m_name).c_str(), &st) == 0 && st.st_size > 0) {
             const auto max = std::numeric_limits<std::uint32_t>::max();
             m_size = static_cast<std::uint64_t>(st.st_size) > max
                          ? max
                          : static_cast<std::uint32_t>(st.st_size);
         }
     }
+    return m_size;
 }
 
 ZeMessageFlags ZeMaildirMsgEnv::status() {
@@ -185,6 +189,7 @@ int ZeMaildir::open() {
         return 0;
     }
     moveNewMessages();
+    m_walk_start = true;
     m_subdir = "cur";
     m_dir.reset(::opendir((m_path + "/" + m_subdir).c_str()));
     m_opened = true;
@@ -202,6 +207,7 @@ void ZeMaildir::reset() {
     if (open() && m_dir) {
         ::rewinddir(m_dir.get());
     }
+    m_walk_start = true;
     if (!m_scope_filter.isNull()) {
         m_scope_filter->reset();
     }
@@ -257,8 +263,10 @@ int ZeMaildir::next() {
             break;
         }
         const std::string name = entry->d_name;
+        const unsigned long uid = m_walk_start ? uid_from_file(name) : _uid_list().cached_uid(name);
+        m_walk_start = false;
         Corvane::Ref<ZeMessageEnv> env =
-            Corvane::Ref<ZeMessageEnv>::adopt(new ZeMaildirMsgEnv(dir, name, uid_from_file(name)));
+            Corvane::Ref<ZeMessageEnv>::adopt(new ZeMaildirMsgEnv(dir, name, uid));
         if (filtered && !m_scope_filter->match(*env)) {
             continue;
         }
@@ -380,12 +388,19 @@ int ZeMaildir::append(const ZeMessageRef&, ZeMDirectMailBox::statusOP, ZeMessage
     throw Corvane::Exception(" ZeMQueue::append - Not Implimented", 4, kUnit, kAppendLine);
 }
 
+ZeUIDList__& ZeMaildir::_uid_list() {
+    if (!m_uids) {
+        m_uids = ZeUIDListManager__::instance()->GetUIDList(m_path);
+    }
+    return *m_uids;
+}
+
 unsigned long ZeMaildir::uid_from_file(const std::string& name) {
-    return ZeUIDListManager__::instance()->GetUIDList(m_path)->uid(name);
+    return _uid_list().uid(name);
 }
 
 std::string ZeMaildir::file_from_uid(unsigned long uid) {
-    return ZeUIDListManager__::instance()->GetUIDList(m_path)->basename(uid);
+    return _uid_list().basename(uid);
 }
 
 // ----------------------------------------------------------------- processor

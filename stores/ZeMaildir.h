@@ -29,10 +29,12 @@
 #include <string>
 
 #include <boost/filesystem/path.hpp>
+#include <boost/shared_ptr.hpp>
 
 #include "model/ZeMailBox.h"
 #include "stores/ZeMDirectMailBox.h"
 #include "stores/ZeMaildirName.h"
+#include "stores/ZeUIDList.h"
 
 // What the name of a message file tells about it.
 class ZeMaildirMsgEnv : public ZeMessageEnv {
@@ -40,7 +42,8 @@ public:
     // dir ends in "/"; uid is the UID-list answer ((unsigned long)-1 when the
     // list does not know the file) or 0 when the caller did not ask. Reads the
     // flag letters and the size from the name; a name without a size marker
-    // takes the file's length (0 when it cannot be had).
+    // takes the file's length (0 when it cannot be had), looked up on the
+    // first size() so that walks which never ask pay no stat.
     ZeMaildirMsgEnv(const std::string& dir, const std::string& name, unsigned long uid);
 
     // The flags whose Maildir letters stand in the name.
@@ -52,7 +55,7 @@ public:
     // The delivery time at the start of the name; 0 when it has none.
     time_t date() override { return ZeMaildirName::date(m_name); }
     std::string from() override { return std::string(); }
-    unsigned long size() override { return m_size; }
+    unsigned long size() override;
 
     // Adds (removes) the Maildir letter of flag and renames the file. A flag
     // without a letter does nothing; a failed rename leaves everything as it
@@ -74,6 +77,7 @@ private:
     std::uint64_t m_uid;
     ZeMaildirName::FlagChars m_flagchars;
     std::uint32_t m_size;
+    bool m_size_known;    // false until the file's length was looked up
     std::string m_msgid;  // kept equal to m_name
 };
 
@@ -187,8 +191,16 @@ private:
     ZeMessageRef _make_message(const std::string& dir, const std::string& name,
                                unsigned long uid) const;
 
+    // The folder's UID list, taken from the manager once.
+    ZeUIDList__& _uid_list();
+
     bool m_opened = false;
     bool m_create = false;
+    // The next name of the walk is its first: uid_from_file() brings the
+    // UID list up to date for it, later names are answered from the list
+    // as read (ZeUIDList__::cached_uid).
+    bool m_walk_start = true;
+    boost::shared_ptr<ZeUIDList__> m_uids;
     bool m_flag = false;
     std::string m_path;    // the Maildir, no trailing "/"
     std::string m_subdir;  // "cur" once opened

@@ -284,7 +284,6 @@ TEST_F(DirectUser, FolderUsageReadsTheFoldersSizeCacheOrCountsPlainTrees) {
     EXPECT_NE(0, ::stat((box + "/.vt_folder_size").c_str(), &st));
 }
 
-#if __has_include("stores/ZeMaildir.h")
 TEST_F(DirectUser, APlainMaildirTreeIsScannedForFolders) {
     const ZeMailUserId id(MAILBOX_TYPE_MAILDIR, "tom");
     make_folder(id, "Inbox");
@@ -299,7 +298,6 @@ TEST_F(DirectUser, APlainMaildirTreeIsScannedForFolders) {
     EXPECT_EQ((std::vector<std::string>{"Projects", "Projects/Old"}), names);
     EXPECT_EQ(1, tom->folders().front()->children());
 }
-#endif
 
 // ------------------------------------------------------------ the factory
 
@@ -350,7 +348,6 @@ TEST(MailboxFactory, DirectMailboxesNeedAStoreOfAKnownKind) {
     EXPECT_TRUE(ZeMailBoxRef::create("ann", "Plain", MAILBOX_OPEN_DIRECT).isNull());
     EXPECT_TRUE(
         ZeMailBoxRef::create(MAILBOX_TYPE_ROTATED, "ann", "current", MAILBOX_OPEN_DIRECT).isNull());
-#if __has_include("stores/ZeMaildir.h")
     ASSERT_EQ(0, vtl_mkdir_maildir(id.mailfolder("Work"), 0700));
     ZeMailBoxRef work = ZeMailBoxRef::create("ann", "Work", MAILBOX_OPEN_DIRECT);
     ASSERT_FALSE(work.isNull());
@@ -363,7 +360,6 @@ TEST(MailboxFactory, DirectMailboxesNeedAStoreOfAKnownKind) {
         ZeMailBoxRef::create(static_cast<MailBoxType>(5), "ann", "Work", MAILBOX_OPEN_IMAP);
     ASSERT_FALSE(typed.isNull());
     EXPECT_EQ(MAILBOX_OPEN_DIRECT, typed->open_method());  // type 5 is always direct
-#endif
 }
 
 // ------------------------------------------------------------ the mailbox base
