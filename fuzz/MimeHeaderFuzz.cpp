@@ -70,6 +70,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     streamed.parse(in);
     check(streamed.size() == headers.size());
     check(streamed.parsedLength() == headers.parsedLength());
+    MediaIn again = MediaIn::fromString(input);
+    HeaderContainer head;
+    head.parseHead(again);
+    check(head.size() == headers.size());
+    check(head.parsedLength() == headers.parsedLength());
 
     // The values as the rest of the library reads them, and the whole input
     // as one value too.

@@ -42,6 +42,19 @@ ZeMDirectMessage* ZeMessageRef::direct_message() const {
     return dynamic_cast<ZeMDirectMessage*>(get());
 }
 
+Corvane::HeaderContainer& ZeMDirectMessage::headers() {
+    if (!m_headers_loaded) {
+        m_headers_loaded = true;
+        try {
+            Corvane::MediaIn in = media();
+            m_headers.parseHead(in);
+        } catch (...) {
+            m_headers.clear();
+        }
+    }
+    return m_headers;
+}
+
 Corvane::MediaIn ZeMessageRef::media() const {
     ZeMDirectMessage* direct = direct_message();
     return direct != nullptr ? direct->media() : Corvane::MediaIn();

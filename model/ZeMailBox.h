@@ -106,9 +106,13 @@ protected:
     ZeImapMimeRef m_mime;
 };
 
-// A message kept in a file of its own (Maildir, single-message files).
+// A message read from disk (Maildir, mbox, single-message files).
 class ZeMDirectMessage : public ZeMessageBase {
 public:
+    // The header block, read once through media(); a message that cannot be
+    // read or parsed has no headers.
+    Corvane::HeaderContainer& headers() override;
+
     // A stream over the message file.
     virtual Corvane::MediaIn media() = 0;
     // The message file's path.
@@ -117,6 +121,9 @@ public:
     virtual void replace(const Corvane::MediaIn& content) = 0;
     // Deletes the message file; the store library's result.
     virtual int permanent_remove() = 0;
+
+private:
+    bool m_headers_loaded = false;
 };
 
 class ZeMessageRef : public Corvane::Ref<ZeMessageBase> {

@@ -1,8 +1,11 @@
 #include "stores/ZeMDirectMailBox.h"
 
+#include <sys/stat.h>
+
 #include <memory>
 
 #include "support/Exception.h"
+#include "support/mime/DateTime.h"
 #include "support/mime/Encoders.h"
 #include "support/mime/MimeTree.h"
 #include "support/mime/Rfc822MsgParser.h"
@@ -129,4 +132,129 @@ ZeImapMimeRef ZeMDirectMailBox::retrieve_section_mime(const std::string& key,
 int ZeMDirectMailBox::append(const ZeMessageRef&, statusOP, ZeMessageFlags) {
     throw Corvane::Exception(" ZeMDirectMailBox::append - Not Implimented", 4, "ZeMDirectMailBox",
                              __LINE__);
+}
+
+// ---------------------------------------------------- single-message files
+
+ZeMFileMsgEnv::ZeMFileMsgEnv(const std::string& name, const std::string& msgid,
+                             const std::string& from, time_t date, unsigned long size)
+    : m_name(name), m_msgid(msgid), m_from(from), m_date(date), m_size(size) {}
+
+ZeMessageFlags ZeMFileMsgEnv::status() {
+    ZeMessageFlags result;
+    const ZeMaildirName::FlagChars letters = ZeMaildirName::flagChars(m_name);
+    for (std::size_t c = 0; c < letters.size(); ++c) {
+        if (letters.test(c)) {
+            result.flags |= ZeMessageFlags::getMaildirFlagRev(static_cast<unsigned char>(c));
+        }
+    }
+    return result;
+}
+
+ZeMFileMsg::ZeMFileMsg(const std::string& path, time_t mtime, off_t size) : m_path(path) {
+    const std::string name = path.substr(path.rfind('/') + 1);
+    time_t date = mtime;
+    Corvane::parseRfc5322Date(headers().get("Date"), &date);
+    m_uid = 1;
+    m_basename = ZeMaildirName::basename(name);
+    m_received = mtime;
+    m_env = Corvane::Ref<ZeMessageEnv>::adopt(
+        new ZeMFileMsgEnv(name, headers().get("Message-Id"), headers().get("From"), date,
+                          size > 0 ? static_cast<unsigned long>(size) : 0));
+    m_flags = m_env->status();
+}
+
+Corvane::MediaIn ZeMFileMsg::media() {
+    return Corvane::MediaIn::fromFile(m_path);
+}
+
+ZeMFileMailBox::ZeMFileMailBox(const std::string& path, const ZeMUserRef& user)
+    : ZeMDirectMailBox(user), m_path(path) {}
+
+ZeMessageRef ZeMFileMailBox::_message() const {
+    struct stat st;
+    if (::stat(m_path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        return ZeMessageRef();
+    }
+    return ZeMessageRef(new ZeMFileMsg(m_path, st.st_mtime, st.st_size));
+}
+
+int ZeMFileMailBox::open() {
+    if (!m_opened) {
+        struct stat st;
+        m_opened = ::stat(m_path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+    }
+    return m_opened ? 1 : 0;
+}
+
+void ZeMFileMailBox::reset() {
+    open();
+    m_given = false;
+    if (!m_scope_filter.isNull()) {
+        m_scope_filter->reset();
+    }
+}
+
+long ZeMFileMailBox::total_messages() {
+    return open();
+}
+
+int ZeMFileMailBox::next() {
+    const bool filtered = !m_scope_filter.isNull();
+    ZeMessageRef message;
+    if (open() == 1 && !m_given && !(filtered && m_scope_filter->done())) {
+        message = _message();
+    }
+    m_given = true;
+    if (message.isNull() || (filtered && (!m_scope_filter->match(*message->env()) ||
+                                          !m_scope_filter->match(*message)))) {
+        m_current.release();
+        return 0;
+    }
+    m_current = message;
+    return 1;
+}
+
+ZeMessageRef ZeMFileMailBox::retrieve_message(unsigned long uid) {
+    return uid == 1 ? _message() : ZeMessageRef();
+}
+
+ZeMessageRef ZeMFileMailBox::retrieve_message(const std::string& key) {
+    const std::string name = m_path.substr(m_path.rfind('/') + 1);
+    const bool ours = key == ",U1" || key == "1" ||
+                      (!key.empty() && (key == name || key == ZeMaildirName::basename(name)));
+    return ours ? _message() : ZeMessageRef();
+}
+
+void ZeMFileMailBox::_refuse(const char* operation, int line) {
+    throw Corvane::Exception(std::string(" ZeMFileMailBox::") + operation + " - Not Implimented", 4,
+                             "ZeMDirectMailBox", line);
+}
+
+int ZeMFileMailBox::expunge() {
+    _refuse("expunge", __LINE__);
+}
+
+int ZeMFileMailBox::clean() {
+    _refuse("clean", __LINE__);
+}
+
+int ZeMFileMailBox::modify_message(const std::string&, const ZeMessageFlags&) {
+    _refuse("modify_message", __LINE__);
+}
+
+int ZeMFileMailBox::move_message(const std::string&, const std::string&) {
+    _refuse("move_message", __LINE__);
+}
+
+int ZeMFileMailBox::remove_message(const std::string&, bool) {
+    _refuse("remove_message", __LINE__);
+}
+
+int ZeMFileMailBox::append(const std::string&, const ZeMessageFlags&) {
+    _refuse("append", __LINE__);
+}
+
+int ZeMFileMailBox::append(const ZeMessageRef&, statusOP, ZeMessageFlags) {
+    _refuse("append", __LINE__);
 }

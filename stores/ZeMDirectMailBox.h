@@ -18,10 +18,13 @@
 // CR LF and a zero byte 0x80. Each call reads the message file again; the
 // MIME tree is kept with the message once made.
 
+#include <sys/types.h>
+
 #include <ostream>
 #include <string>
 
 #include "model/ZeMailBox.h"
+#include "stores/ZeMaildirName.h"
 
 class ZeMDirectMailBox : public ZeMailboxBase {
 public:
@@ -66,6 +69,102 @@ private:
     static int _write_section(std::ostream& out, const ZeMessageRef& message,
                               const std::string& section);
     ZeImapMimeRef _section_mime(ZeMessageRef message, const std::string& section);
+};
+
+// A message file on its own (a saved .eml, a message handed over by another
+// program, one file taken out of a Maildir) read as a mailbox holding that
+// one message:
+//
+//   ZeMFileMailBox box("/tmp/upload/invoice.eml");
+//   if (box.open() == 1 && box.next() == 1) {
+//       ZeMessageRef& m = box.fetch();            // uid 1, key ",U1"
+//       ZeImapMimeRef tree = box.retrieve_mime(m);
+//       box.retrieve_section(std::cout, ",U1", "2");
+//   }
+//
+// The message has UID 1. Its envelope: the Message-Id, From and Date fields
+// of its header (date() falls back to the file's modification time when the
+// Date field is missing or unreadable), the file's length as size, and the
+// flags of a Maildir info part (":2,FS") when the file name has one. The
+// file is never changed: every operation that would change it is refused.
+class ZeMFileMsgEnv : public ZeMessageEnv {
+public:
+    ZeMFileMsgEnv(const std::string& name, const std::string& msgid, const std::string& from,
+                  time_t date, unsigned long size);
+
+    // The flags of the file name's Maildir info part; none without one.
+    ZeMessageFlags status() override;
+    std::string msgID() override { return m_msgid; }
+    unsigned long uid() override { return 1; }
+    // The file name up to its first ",".
+    std::string basename() const override { return ZeMaildirName::basename(m_name); }
+    time_t date() override { return m_date; }
+    std::string from() override { return m_from; }
+    unsigned long size() override { return m_size; }
+
+private:
+    std::string m_name;  // the file name, without its folder
+    std::string m_msgid;
+    std::string m_from;
+    time_t m_date;
+    unsigned long m_size;
+};
+
+class ZeMFileMsg : public ZeMDirectMessage {
+public:
+    // The message in the file at path; mtime and size are the file's.
+    ZeMFileMsg(const std::string& path, time_t mtime, off_t size);
+
+    Corvane::MediaIn media() override;
+    std::string getFileName() const override { return m_path; }
+    // The file stays as it is: does nothing.
+    void replace(const Corvane::MediaIn&) override {}
+    // The file is not the mailbox's to delete: 4.
+    int permanent_remove() override { return 4; }
+
+private:
+    std::string m_path;
+};
+
+class ZeMFileMailBox : public ZeMDirectMailBox {
+public:
+    explicit ZeMFileMailBox(const std::string& path, const ZeMUserRef& user = ZeMUserRef());
+
+    // 1 when the path names a regular file (also when already open), else 0.
+    int open() override;
+    // open(), then the message is ahead again; the scope and filters are reset.
+    void reset() override;
+    // 1 once open, else 0.
+    long total_messages() override;
+    // The message the first time after reset() (when the scope and filters
+    // take it): 1; then 0 with the current message released.
+    int next() override;
+    // UID 1, or the keys ",U1", "1", the file name and its base name: the
+    // message as a new handle; anything else: null.
+    ZeMessageRef retrieve_message(unsigned long uid) override;
+    ZeMessageRef retrieve_message(const std::string& key) override;
+
+    // Refused (" ZeMFileMailBox::<operation> - Not Implimented", code 4):
+    // the file is read, never changed.
+    int expunge() override;
+    int clean() override;
+    using ZeMDirectMailBox::modify_message;
+    int modify_message(const std::string& key, const ZeMessageFlags& flags) override;
+    int move_message(const std::string& key, const std::string& to_folder) override;
+    int remove_message(const std::string& key, bool permanent) override;
+    int append(const std::string& file, const ZeMessageFlags& flags) override;
+    int append(const ZeMessageRef& message, statusOP op, ZeMessageFlags flags) override;
+
+    const std::string& path() const { return m_path; }
+
+private:
+    // The message as the file is now; null when it is gone.
+    ZeMessageRef _message() const;
+    [[noreturn]] static void _refuse(const char* operation, int line);
+
+    std::string m_path;
+    bool m_opened = false;
+    bool m_given = false;  // next() has handed out the message since reset()
 };
 
 #endif

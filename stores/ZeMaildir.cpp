@@ -123,19 +123,6 @@ ZeMessageFlags& ZeMaildirMsg::flags() {
     return m_flags;
 }
 
-Corvane::HeaderContainer& ZeMaildirMsg::headers() {
-    if (!m_headers_loaded) {
-        m_headers_loaded = true;
-        try {
-            Corvane::MediaIn in = media();
-            m_headers.parse(in);
-        } catch (...) {
-            m_headers.clear();
-        }
-    }
-    return m_headers;
-}
-
 Corvane::MediaIn ZeMaildirMsg::media() {
     return Corvane::MediaIn::fromFile(m_path);
 }

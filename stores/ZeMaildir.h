@@ -92,9 +92,6 @@ public:
     using ZeMessageBase::flags;
     // The envelope's status, kept as the message's flags.
     ZeMessageFlags& flags() override;
-    // The file's header block, read once; a file that cannot be read or
-    // parsed gives no headers.
-    Corvane::HeaderContainer& headers() override;
 
     // A stream over the file; a null handle when it cannot be opened.
     Corvane::MediaIn media() override;
@@ -117,7 +114,6 @@ private:
     bool _has_bit_at(unsigned int flag);
     ZeMaildirMsgEnv* _maildir_env();
 
-    bool m_headers_loaded = false;
     std::string m_path;
 };
 

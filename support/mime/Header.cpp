@@ -165,6 +165,50 @@ bool HeaderContainer::parse(MediaIn& in) {
     return parse(block.data(), block.size());
 }
 
+namespace {
+
+// True when [data, data + length) holds the blank line that ends a header
+// block, looking from the line feed at or after from (or at the very start).
+bool holds_header_end(const std::string& block, std::size_t from) {
+    if (block.compare(0, 1, "\n") == 0 || block.compare(0, 2, "\r\n") == 0) {
+        return true;
+    }
+    for (std::size_t at = block.find('\n', from); at != std::string::npos;
+         at = block.find('\n', at + 1)) {
+        if (block.compare(at + 1, 1, "\n") == 0 || block.compare(at + 1, 2, "\r\n") == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+bool HeaderContainer::parseHead(MediaIn& in) {
+    std::string block;
+    MediaInImpl* impl = in.get();
+    if (impl != nullptr) {
+        char chunk[8192];
+        while (block.size() < kMaxStreamBytes) {
+            const long got = impl->read(chunk, sizeof chunk);
+            if (got <= 0) {
+                break;
+            }
+            // A blank line may straddle two chunks: look again from the last
+            // line feed before the new bytes.
+            const std::size_t from = block.size() < 2 ? 0 : block.size() - 2;
+            block.append(chunk, static_cast<std::size_t>(got));
+            if (holds_header_end(block, from)) {
+                break;
+            }
+        }
+    }
+    if (block.size() > kMaxStreamBytes) {
+        block.resize(kMaxStreamBytes);
+    }
+    return parse(block.data(), block.size());
+}
+
 const Header* HeaderContainer::find(const std::string& name) const {
     for (const Header& h : m_headers) {
         if (h.is(name)) {

@@ -67,6 +67,9 @@ public:
     // ends the block (the stream then stands on the body), or to the end. A
     // null handle reads as empty.
     bool parse(MediaIn& in);
+    // The same for callers that do not read on: the stream is read in large
+    // chunks and left anywhere past the block.
+    bool parseHead(MediaIn& in);
 
     std::size_t size() const { return m_headers.size(); }
     bool empty() const { return m_headers.empty(); }

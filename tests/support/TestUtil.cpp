@@ -107,4 +107,30 @@ std::string read_file(const std::string& path) {
     return all.str();
 }
 
+std::string describe_tree(ZeImapMimeRef tree) {
+    std::string out;
+    std::vector<std::pair<ZeImapMime*, int>> pending;
+    if (tree) {
+        pending.emplace_back(tree.get(), 0);
+    }
+    while (!pending.empty()) {
+        const auto [node, depth] = pending.back();
+        pending.pop_back();
+        const ZeContentType& t = node->content_type();
+        out += std::string(static_cast<std::size_t>(depth), ' ') + "[" + node->section() + "] " +
+               std::to_string(t.media) + "/" + std::to_string(t.subtype) + " " + t.type_name + "/" +
+               t.subtype_name + " enc=" + std::to_string(t.encoding) + " name=" + t.name +
+               " charset=" + t.charset + " boundary=" + t.boundary + " id=" + t.content_id +
+               " desc=" + t.description + " method=" + t.method + " extra=" + t.extra +
+               " size=" + std::to_string(node->size()) + " lines=" + std::to_string(node->lines()) +
+               " disp=" + std::to_string(node->disposition().type) + ":" +
+               node->disposition().filename +
+               " children=" + std::to_string(node->children().size()) + "\n";
+        for (auto it = node->children().rbegin(); it != node->children().rend(); ++it) {
+            pending.emplace_back(it->get(), depth + 1);
+        }
+    }
+    return out;
+}
+
 }  // namespace zetest

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "imap/ZeImapMime.h"
+
 namespace zetest {
 
 // A directory under $TMPDIR (or /tmp) removed with everything in it when the
@@ -32,6 +34,10 @@ std::vector<int> zombie_children();
 
 // The whole content of a file; throws when it cannot be read.
 std::string read_file(const std::string& path);
+
+// Every field of every node of a MIME tree, one line each, depth first, so
+// that two trees compare as texts ("" for a null tree).
+std::string describe_tree(ZeImapMimeRef tree);
 
 }  // namespace zetest
 

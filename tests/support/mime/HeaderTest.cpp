@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <dirent.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -140,6 +141,40 @@ TEST(MimeHeaders, StreamStopsRightAfterTheBlankLine) {
     MediaIn none;
     EXPECT_FALSE(h.parse(none));
     EXPECT_EQ(0u, h.size());
+}
+
+// A stream that hands out at most a few bytes per read.
+class TrickleIn : public Corvane::MediaInImpl {
+public:
+    TrickleIn(std::string text, std::size_t step) : m_text(std::move(text)), m_step(step) {}
+    long read(void* buf, std::size_t n) override {
+        const std::size_t got = std::min({n, m_step, m_text.size() - m_at});
+        m_text.copy(static_cast<char*>(buf), got, m_at);
+        m_at += got;
+        return static_cast<long>(got);
+    }
+    bool eof() const override { return m_at == m_text.size(); }
+
+private:
+    std::string m_text;
+    std::size_t m_step;
+    std::size_t m_at = 0;
+};
+
+// Reading in chunks finds the blank line wherever the chunks cut it, and
+// gives what the byte-wise read gives.
+TEST(MimeHeaders, ChunkedReadFindsTheBlankLineAcrossChunks) {
+    for (const std::string text : {"Subject: s\r\n t\r\nTo: u\r\n\r\nbody\r\n\r\nX: y\r\n",
+                                   "A: 1\nB: 2\n\nC: 3\n", "\r\nA: 1\n", "A: 1\nB: 2"}) {
+        HeaderContainer whole = parsed(text);
+        for (std::size_t step = 1; step <= 8; ++step) {
+            MediaIn in = MediaIn::adopt(new TrickleIn(text, step));
+            HeaderContainer h;
+            h.parseHead(in);
+            EXPECT_EQ(names(whole), names(h)) << step << " " << text;
+            EXPECT_EQ(whole.parsedLength(), h.parsedLength()) << step << " " << text;
+        }
+    }
 }
 
 // --- size -------------------------------------------------------------------------

@@ -382,33 +382,6 @@ public:
     std::map<std::string, ZeImapMimeRef> trees;
 };
 
-// Every field of every node, one line each, depth first.
-std::string describe(ZeImapMimeRef tree) {
-    std::string out;
-    std::vector<std::pair<ZeImapMime*, int>> pending;
-    if (tree) {
-        pending.emplace_back(tree.get(), 0);
-    }
-    while (!pending.empty()) {
-        const auto [node, depth] = pending.back();
-        pending.pop_back();
-        const ZeContentType& t = node->content_type();
-        out += std::string(static_cast<std::size_t>(depth), ' ') + "[" + node->section() + "] " +
-               std::to_string(t.media) + "/" + std::to_string(t.subtype) + " " + t.type_name + "/" +
-               t.subtype_name + " enc=" + std::to_string(t.encoding) + " name=" + t.name +
-               " charset=" + t.charset + " boundary=" + t.boundary + " id=" + t.content_id +
-               " desc=" + t.description + " method=" + t.method + " extra=" + t.extra +
-               " size=" + std::to_string(node->size()) + " lines=" + std::to_string(node->lines()) +
-               " disp=" + std::to_string(node->disposition().type) + ":" +
-               node->disposition().filename +
-               " children=" + std::to_string(node->children().size()) + "\n";
-        for (auto it = node->children().rbegin(); it != node->children().rend(); ++it) {
-            pending.emplace_back(it->get(), depth + 1);
-        }
-    }
-    return out;
-}
-
 // ---- sections --------------------------------------------------------------------------------
 
 std::vector<std::string> sectionsOf(const MimePart& root) {
@@ -532,7 +505,8 @@ TEST_F(MimePartDovecot, BodyStructureTreesAndSectionsMatchTheServer) {
     for (const Message& m : m_messages) {
         auto found = collector->trees.find(m.fname);
         ASSERT_NE(collector->trees.end(), found) << m.name;
-        EXPECT_EQ(describe(found->second), describe(toImapMime(*m.root))) << m.name;
+        EXPECT_EQ(zetest::describe_tree(found->second), zetest::describe_tree(toImapMime(*m.root)))
+            << m.name;
     }
 
     // 3. The bytes of every section, 200 to a command.
