@@ -18,6 +18,7 @@
 #include "support/Media.h"
 #include "support/mime/ContentDisposition.h"
 #include "support/mime/ContentType.h"
+#include "support/mime/DateTime.h"
 #include "support/mime/Encoders.h"
 #include "support/mime/Header.h"
 #include "support/mime/Rfc2047.h"
@@ -75,6 +76,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     head.parseHead(again);
     check(head.size() == headers.size());
     check(head.parsedLength() == headers.parsedLength());
+
+    // Dates: anything accepted lies between 1900 and 9999, give or take a
+    // zone of at most 99:59.
+    for (const std::string& value : {headers.get("Date"), input}) {
+        time_t when = 0;
+        if (parseRfc5322Date(value, &when)) {
+            check(when >= -2208988800 - 360000 && when <= 253402300800 + 360000);
+        }
+    }
 
     // The values as the rest of the library reads them, and the whole input
     // as one value too.

@@ -11,6 +11,7 @@
 #include "imap/ZeImapClient.h"
 #include "support/Debug.h"
 #include "support/mime/Email.h"
+#include "support/mime/Header.h"
 #include "support/mime/Encoders.h"
 #include "support/mime/Rfc2047.h"
 
@@ -1069,4 +1070,35 @@ void ImapMimeParser::get_printable(ContentType::SubType subtype, std::list<ZeIma
     if (m_root) {
         m_root->get_printable(subtype, out, flag);
     }
+}
+
+ZeImapMimeRef ze_mime_node_from_header(const char* data, std::size_t length, bool* has_encoding) {
+    Corvane::HeaderContainer headers;
+    headers.parse(data, length);
+    ZeImapMimeRef made =
+        ZeImapMimeRef::create(Corvane::ContentType::NONE, Corvane::ContentType::UNKNOWN_SUBTYPE);
+    ZeImapMime& node = *made;
+    const Corvane::Header* encoding = headers.find("Content-Transfer-Encoding");
+    if (encoding != nullptr) {
+        node.content_type().encoding = Corvane::stringAsEncoding(encoding->value());
+    }
+    if (has_encoding != nullptr) {
+        *has_encoding = encoding != nullptr;
+    }
+    if (const Corvane::Header* h = headers.find("Content-Type")) {
+        const Corvane::ContentType type(h->value());
+        ZeContentType& ct = node.content_type();
+        ct.media = type.mediaType();
+        ct.subtype = type.subType();
+        ct.charset = type.charset();
+        ct.name = type.utf8name();
+        ct.type_name = type.typeName();
+        ct.subtype_name = type.subTypeName();
+    }
+    if (const Corvane::Header* h = headers.find("Content-Disposition")) {
+        const Corvane::ContentDisposition disposition(h->value());
+        node.disposition().type = disposition.type();
+        node.disposition().filename = disposition.utf8fileName();
+    }
+    return made;
 }

@@ -82,6 +82,15 @@ public:
     virtual int process(ZeImapMime* node) = 0;
 };
 
+// A part described by its own MIME header (what BODY[<section>.MIME] brings):
+// a new node typed from its Content-Type (media type, subtype, charset, the
+// UTF-8 name), Content-Transfer-Encoding (left ENCODING_NONE without one) and
+// Content-Disposition (kind, UTF-8 file name). Nothing else is set: the
+// node has no section, size or children. has_encoding, when given, tells
+// whether the header had a Content-Transfer-Encoding field.
+ZeImapMimeRef ze_mime_node_from_header(const char* data, std::size_t length,
+                                       bool* has_encoding = nullptr);
+
 // Names the boundary of every multipart node: the prefix for the root, the
 // prefix, "-" and the section below it.
 class ZeAssignBoundary : public ZeImapMimeVisitor {

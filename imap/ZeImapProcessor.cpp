@@ -116,29 +116,11 @@ const ZeImapMimeRef& ZeImapFetchBodySection::node() const {
 int ZeImapFetchBodySection::process(const ZeImapResponseUIDFetch& response) {
     const ZeImapResponseUIDFetch::data_t& record = response.data();
     if (record.mime_headers.length() > 10) {
-        Corvane::HeaderContainer headers;
-        headers.parse(record.mime_headers.data(), record.mime_headers.length());
-        *m_node = ZeImapMimeRef::create(Corvane::ContentType::NONE,
-                                        Corvane::ContentType::UNKNOWN_SUBTYPE);
-        ZeImapMime& node = **m_node;
-        if (const Corvane::Header* h = headers.find("Content-Transfer-Encoding")) {
-            m_encoding = Corvane::stringAsEncoding(h->value());
-            node.content_type().encoding = m_encoding;
-        }
-        if (const Corvane::Header* h = headers.find("Content-Type")) {
-            const Corvane::ContentType type(h->value());
-            ZeContentType& ct = node.content_type();
-            ct.media = type.mediaType();
-            ct.subtype = type.subType();
-            ct.charset = type.charset();
-            ct.name = type.utf8name();
-            ct.type_name = type.typeName();
-            ct.subtype_name = type.subTypeName();
-        }
-        if (const Corvane::Header* h = headers.find("Content-Disposition")) {
-            const Corvane::ContentDisposition disposition(h->value());
-            node.disposition().type = disposition.type();
-            node.disposition().filename = disposition.utf8fileName();
+        bool has_encoding = false;
+        *m_node = ze_mime_node_from_header(record.mime_headers.data(), record.mime_headers.length(),
+                                           &has_encoding);
+        if (has_encoding) {
+            m_encoding = (*m_node)->content_type().encoding;
         }
     }
     if (m_out != nullptr && record.literal_size > 0) {

@@ -77,7 +77,7 @@ int ZeMDirectMailBox::retrieve_section(std::ostream& out, unsigned long uid,
 
 int ZeMDirectMailBox::retrieve_section(std::ostream& out, const std::string& key,
                                        const std::string& section) {
-    return _write_section(out, retrieve_message(key), section);
+    return _write_section(out, _message_by_key(key), section);
 }
 
 int ZeMDirectMailBox::retrieve_body(std::ostream& out, unsigned long uid) {
@@ -115,8 +115,15 @@ ZeImapMimeRef ZeMDirectMailBox::_section_mime(ZeMessageRef message, const std::s
     if (section.empty()) {
         return ZeImapMimeRef();
     }
-    ZeImapMimeRef tree = retrieve_mime(message);
-    return tree.isNull() ? ZeImapMimeRef() : ZeImapMimeRef(tree.find(section));
+    // The part's own header typed as the IMAP mailbox types the server's
+    // BODY[<section>.MIME] answer, so that both give the same node.
+    const ParsedMessage parsed(message);
+    if (parsed.root == nullptr) {
+        return ZeImapMimeRef();
+    }
+    const std::string header = parsed.section(section + ".MIME", Corvane::SectionForm::STORED);
+    return header.size() > 10 ? ze_mime_node_from_header(header.data(), header.size())
+                              : ZeImapMimeRef();
 }
 
 ZeImapMimeRef ZeMDirectMailBox::retrieve_section_mime(unsigned long uid,
@@ -126,7 +133,7 @@ ZeImapMimeRef ZeMDirectMailBox::retrieve_section_mime(unsigned long uid,
 
 ZeImapMimeRef ZeMDirectMailBox::retrieve_section_mime(const std::string& key,
                                                       const std::string& section) {
-    return _section_mime(retrieve_message(key), section);
+    return _section_mime(_message_by_key(key), section);
 }
 
 int ZeMDirectMailBox::append(const ZeMessageRef&, statusOP, ZeMessageFlags) {

@@ -52,9 +52,10 @@ public:
     // the message has no tree, or the visitor's non-zero answer.
     int foreach_sections(ZeMessageRef& message, ZeMessageSectionVisitor* visitor) override;
     using ZeMailboxBase::retrieve_section_mime;
-    // The part's node of the message's tree (content type, encoding,
-    // disposition, as its own header gives them); null when the tree has no
-    // such part. The node is shared with the tree.
+    // The part described by its own MIME header (content type, encoding,
+    // disposition, as the header gives them: ze_mime_node_from_header); null
+    // when the message has no such part or the header is too short to hold
+    // a field.
     ZeImapMimeRef retrieve_section_mime(unsigned long uid, const std::string& section) override;
     ZeImapMimeRef retrieve_section_mime(const std::string& key,
                                         const std::string& section) override;
@@ -64,6 +65,11 @@ public:
     // Adds a message of another mailbox; the default refuses (throws
     // " ZeMDirectMailBox::append - Not Implimented", code 4).
     virtual int append(const ZeMessageRef& message, statusOP op, ZeMessageFlags flags);
+
+protected:
+    // The message a string key names, for the section and body answers; the
+    // default is retrieve_message(key).
+    virtual ZeMessageRef _message_by_key(const std::string& key) { return retrieve_message(key); }
 
 private:
     static int _write_section(std::ostream& out, const ZeMessageRef& message,

@@ -305,6 +305,12 @@ ZeMessageRef ZeMaildir::retrieve_message(const std::string& name) {
     return _retrieve_message(name, std::string());
 }
 
+ZeMessageRef ZeMaildir::_message_by_key(const std::string& key) {
+    const unsigned long uid =
+        key.compare(0, 2, ZeMaildirName::kUidMarker) == 0 ? ze_message_key_uid(key.substr(2)) : 0;
+    return _retrieve_message(key, uid != 0 ? file_from_uid(uid) : std::string());
+}
+
 ZeMessageRef ZeMaildir::_retrieve_message(const std::string& key, const std::string& alt) {
     if (key.empty()) {
         return ZeMessageRef();

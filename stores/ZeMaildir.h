@@ -176,6 +176,12 @@ public:
     bool option() const { return m_flag; }
     bool is_open() const { return m_opened; }
 
+protected:
+    // ",U<uid>" names a UID: the appliance writes it into its file names,
+    // and a file the IMAP server named is found by the UID list's base name
+    // for it. Any other key is a name, as for retrieve_message.
+    ZeMessageRef _message_by_key(const std::string& key) override;
+
 private:
     struct DirCloser {
         void operator()(DIR* dir) const { ::closedir(dir); }
