@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <sstream>
 #include <vector>
 
@@ -579,6 +580,111 @@ TEST_F(ZeMaildirTest, ForeachSectionsDecodesLeavesInTreeOrder) {
     EXPECT_EQ(4, box.foreach_sections(vanished, &never));
     EXPECT_TRUE(never.seen.empty());
     EXPECT_TRUE(box.retrieve_mime(vanished).isNull());
+}
+
+// --- bad input ------------------------------------------------------------------
+
+// Every file below the Maildir with its bytes, so that a test can show that
+// reading changed nothing.
+std::map<std::string, std::string> snapshot(const std::string& top) {
+    std::map<std::string, std::string> files;
+    std::vector<std::string> pending{top};
+    while (!pending.empty()) {
+        const std::string at = pending.back();
+        pending.pop_back();
+        DIR* d = ::opendir(at.c_str());
+        if (d == nullptr) {
+            files[at.substr(top.size())] = zetest::read_file(at);
+            continue;
+        }
+        while (const dirent* e = ::readdir(d)) {
+            const std::string name = e->d_name;
+            if (name != "." && name != "..") {
+                pending.push_back(at + "/" + name);
+            }
+        }
+        ::closedir(d);
+    }
+    return files;
+}
+
+// A multipart nested n deep around one text part.
+std::string nested(int n) {
+    std::string text = "Subject: deep\nMIME-Version: 1.0\n";
+    for (int i = 0; i < n; ++i) {
+        text += "Content-Type: multipart/mixed; boundary=\"=" + std::to_string(i) +
+                "\"\n\n--=" + std::to_string(i) + "\n";
+    }
+    text += "Content-Type: text/plain\n\nleaf\n";
+    for (int i = n - 1; i >= 0; --i) {
+        text += "--=" + std::to_string(i) + "--\n";
+    }
+    return text;
+}
+
+// Hostile names and contents and a broken UID list: every message is still
+// walked and answers without a crash, and the Maildir is left byte for byte
+// as it was.
+TEST_F(ZeMaildirTest, BadInputIsReadWithoutChangingAnything) {
+    const std::string highName =
+        "1700000001.M1.h\xe9st,S=9:2,S\xff\x80"
+        "F";
+    put("cur", highName, "Subject: 8-bit name\n\nx\n");
+    put("cur", "1700000002.M2.h,S=7:2,", std::string("\0\x01\xfe\xff\n\x7f", 6));
+    put("cur", "1700000003.M3.h:2,S",
+        "Content-Type: multipart/mixed; boundary=b\n\n--b\nContent-Type: text/pl");
+    put("cur", "1700000004.M4.h:2,", nested(10000));
+    put("cur", "1700000005.M5.h:2,", "");
+    // A truncated record, then a malformed one: the list forgets everything.
+    dir.write(".dovecot-uidlist", "3 V1 N9\n1 :1700000001.M1.h\xe9st\n2 :1700000002.M2.h\n3");
+    const std::map<std::string, std::string> before = snapshot(root());
+
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    std::map<std::string, std::string> seen;  // name -> tree shape
+    box.reset();
+    while (box.next() == 1) {
+        ZeMessageRef m = box.fetch();
+        const std::string name = m->env()->msgID();
+        EXPECT_EQ(0u, m->uid()) << name;  // the list is unusable
+        m->headers();
+        ZeImapMimeRef tree = box.retrieve_mime(m);
+        std::ostringstream whole;
+        EXPECT_EQ(0, box.retrieve_section(whole, name, ""));
+        EXPECT_GE(whole.str().size(), m->env()->size()) << name;
+        std::size_t depth = 0;
+        for (ZeImapMimeRef node = tree; !node.isNull() && !node->children().empty();
+             node = node->children().front()) {
+            ++depth;
+        }
+        seen[name] = std::to_string(depth);
+    }
+    ASSERT_EQ(5u, seen.size());
+    // Letters above 127 are no flags; the name is kept as it is.
+    EXPECT_EQ(ZeMessageFlags::SEEN | ZeMessageFlags::FLAGGED, box.fetch(highName)->flags().flags);
+    // The deepest tree stops where the parser's nesting limit is.
+    EXPECT_LE(std::stoul(seen["1700000004.M4.h:2,"]), 100u);
+    EXPECT_GE(std::stoul(seen["1700000004.M4.h:2,"]), 50u);
+    EXPECT_EQ(before, snapshot(root()));
+}
+
+// A file that goes between the directory read and its use: the message
+// answers with nothing instead of failing.
+TEST_F(ZeMaildirTest, FileThatVanishesMidWalkAnswersWithNothing) {
+    put("cur", "1700000001.M1.h:2,S");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    box.reset();
+    ASSERT_EQ(1, box.next());
+    ZeMessageRef m = box.fetch();
+    ASSERT_EQ(0, ::unlink((cur() + "1700000001.M1.h:2,S").c_str()));
+    EXPECT_EQ(0u, m->env()->size());
+    EXPECT_TRUE(m->headers().empty());
+    EXPECT_TRUE(box.retrieve_mime(m).isNull());
+    std::ostringstream out;
+    EXPECT_EQ(4, box.retrieve_section(out, "1700000001.M1.h", "1"));
+    EXPECT_TRUE(m.direct_message()->media().isNull());
+    dynamic_cast<ZeMaildirMsgEnv&>(*m->env()).setflag(ZeMessageFlags::FLAGGED);
+    EXPECT_EQ("1700000001.M1.h:2,S", m->env()->msgID());
+    EXPECT_TRUE(entries("cur").empty());
 }
 
 // --- folders of a tree ----------------------------------------------------------
