@@ -10,7 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   libboost-dev libboost-filesystem-dev libboost-system-dev libboost-thread-dev
-  libarchive-dev media-types libetpan-dev libgmime-3.0-dev
+  libarchive-dev media-types libetpan-dev libgmime-3.0-dev libvmime-dev
   dovecot-imapd dovecot-dev
 )
 
