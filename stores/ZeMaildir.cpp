@@ -70,13 +70,7 @@ unsigned long ZeMaildirMsgEnv::size() {
 }
 
 ZeMessageFlags ZeMaildirMsgEnv::status() {
-    ZeMessageFlags result;
-    for (std::size_t c = 0; c < m_flagchars.size(); ++c) {
-        if (m_flagchars.test(c)) {
-            result.flags |= ZeMessageFlags::getMaildirFlagRev(static_cast<unsigned char>(c));
-        }
-    }
-    return result;
+    return ZeMessageFlags(ZeMaildirName::flagBits(m_flagchars));
 }
 
 void ZeMaildirMsgEnv::setflag(unsigned int flag) {
@@ -178,7 +172,8 @@ int ZeMaildir::open() {
     moveNewMessages();
     m_walk_start = true;
     m_subdir = "cur";
-    m_dir.reset(::opendir((m_path + "/" + m_subdir).c_str()));
+    m_walk_dir = m_path + "/" + m_subdir + "/";
+    m_dir.reset(::opendir(m_walk_dir.c_str()));
     m_opened = true;
     return 1;
 }
@@ -240,7 +235,7 @@ int ZeMaildir::next() {
         m_current.release();
         return 0;
     }
-    const std::string dir = m_path + "/" + m_subdir + "/";
+    const std::string& dir = m_walk_dir;
     while (const dirent* entry = ::readdir(m_dir.get())) {
         if (hidden(entry->d_name)) {
             continue;

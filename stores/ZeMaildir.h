@@ -204,9 +204,10 @@ private:
     bool m_walk_start = true;
     boost::shared_ptr<ZeUIDList__> m_uids;
     bool m_flag = false;
-    std::string m_path;    // the Maildir, no trailing "/"
-    std::string m_subdir;  // "cur" once opened
-    DirStream m_dir;       // on <path>/cur while open
+    std::string m_path;      // the Maildir, no trailing "/"
+    std::string m_subdir;    // "cur" once opened
+    std::string m_walk_dir;  // <path>/<subdir>/, the folder next() reads
+    DirStream m_dir;         // on <path>/cur while open
 };
 
 // Registers the folders of a Maildir tree with a direct user: every

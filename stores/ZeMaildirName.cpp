@@ -1,10 +1,32 @@
 #include "stores/ZeMaildirName.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
 
+#include "model/ZeMessageFlags.h"
+
 namespace ZeMaildirName {
+
+unsigned long flagBits(const FlagChars& letters) {
+    // The letter table as an array, made once: a walk asks for every file.
+    static const std::array<unsigned long, 128> kBits = [] {
+        std::array<unsigned long, 128> bits{};
+        ZeMessageFlags::init();
+        for (const auto& entry : ZeMessageFlags::m_maildirFlagsRev) {
+            if (entry.first < bits.size()) {
+                bits[entry.first] = entry.second;
+            }
+        }
+        return bits;
+    }();
+    unsigned long result = 0;
+    for (std::size_t c = letters._Find_first(); c < letters.size(); c = letters._Find_next(c)) {
+        result |= kBits[c];
+    }
+    return result;
+}
 
 std::string basename(const std::string& name) {
     return name.substr(0, name.find(','));

@@ -49,6 +49,10 @@ std::string::size_type infoStart(const std::string& name);
 // The flag characters of the info part (none without one).
 FlagChars flagChars(const std::string& name);
 
+// The flag bits of the letters, as the Maildir table of ZeMessageFlags
+// gives them (getMaildirFlagRev); letters that are no flag count nothing.
+unsigned long flagBits(const FlagChars& letters);
+
 // The size written after ",#F#S#" (the number strtoul reads there, capped at
 // 4294967295). False, and size untouched, when the marker is absent.
 bool sizeFromName(const std::string& name, std::uint32_t* size);
