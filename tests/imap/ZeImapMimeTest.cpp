@@ -220,7 +220,7 @@ TEST(BodyStructureParse, MalformedGivesPartialTree) {
 }
 
 // Answers Dovecot gave for broken or unusual messages of the real-message
-// corpus (see ZeImapCorpusDovecotTest, which checks every tree against Dovecot).
+// corpus (MimePartDovecotTest checks the trees of the whole corpus against Dovecot).
 TEST(BodyStructureParse, WhatDovecotSendsForOddMessages) {
     check_cases({
         // A Content-Type Dovecot cannot read gives what it could read of the

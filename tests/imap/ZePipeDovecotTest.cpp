@@ -67,22 +67,4 @@ TEST_F(DovecotPipe, PreauthNoopAndXFnameThenCleanClose) {
     EXPECT_EQ(fds_before, zetest::open_descriptors());
 }
 
-TEST_F(DovecotPipe, SecondUserGetsAFreshChildWithItsOwnStore) {
-    m_server.deliver("bob", "", "Subject: one\n\n1\n");
-    m_server.deliver("carol", "", "Subject: one\n\n1\n");
-    m_server.deliver("carol", "", "Subject: two\n\n2\n");
-    for (auto expected :
-         {std::make_pair("bob", "* 1 EXISTS"), std::make_pair("carol", "* 2 EXISTS")}) {
-        ZePipeProgram program;
-        ASSERT_EQ(0, program.open(m_server.wrapper(), "", m_server.env(expected.first)));
-        program.io().timeout(20);
-        Corvane::Buffer greeting;
-        ASSERT_GT(program.io().readline(greeting), 0);
-        std::string select = exchange(program.io(), "Ze1", "SELECT INBOX");
-        EXPECT_NE(std::string::npos, select.find(expected.second)) << select;
-        program.close();
-    }
-    EXPECT_TRUE(zetest::zombie_children().empty());
-}
-
 }  // namespace

@@ -448,6 +448,33 @@ protected:
     std::size_t m_corpus = 0;
 };
 
+// Every corpus file must be one that SOURCES.md attributes and the manifest
+// lists, so that nothing enters the corpus without its origin and licence.
+TEST(Corpus, EveryFileIsListedInTheSourcesAndTheManifest) {
+    std::vector<Message> files;
+    addFolder(files, ZEMAIL_CORPUS_DIR, false);
+    if (files.empty()) {
+        GTEST_SKIP() << "no corpus at " << ZEMAIL_CORPUS_DIR;
+    }
+    const std::string dir = std::string(ZEMAIL_CORPUS_DIR) + "/";
+    const std::string sources = zetest::read_file(dir + "SOURCES.md");
+    const std::string manifest = zetest::read_file(dir + "manifest.json");
+    auto count = [](const std::string& text, const std::string& needle) {
+        std::size_t n = 0;
+        for (std::size_t at = text.find(needle); at != std::string::npos;
+             at = text.find(needle, at + 1)) {
+            ++n;
+        }
+        return n;
+    };
+    EXPECT_EQ(files.size(), count(manifest, "\"name\": "));
+    for (const Message& m : files) {
+        const std::string name = m.name.substr(dir.size());
+        EXPECT_EQ(1u, count(sources, "| " + name + " |")) << name;
+        EXPECT_EQ(1u, count(manifest, "\"" + name + "\"")) << name;
+    }
+}
+
 TEST_F(MimePartDovecot, BodyStructureTreesAndSectionsMatchTheServer) {
     ASSERT_GT(m_corpus, 300u) << "the corpus was not found at " << ZEMAIL_CORPUS_DIR;
 
