@@ -8,11 +8,7 @@
 #include "support/StoreUtil.h"
 
 #include "stores/ZeMaildir.h"
-// The mbox store is offered once its unit is part of the library.
-#if __has_include("stores/ZeMbox.h")
 #include "stores/ZeMbox.h"
-#define ZEMAIL_HAVE_MBOX 1
-#endif
 
 namespace {
 
@@ -264,11 +260,9 @@ ZeMailBoxRef::ZeMailBoxRef(ZeMUserRef user, const std::string& folder, MailboxOp
         if (vtl_is_maildir_folder(dir)) {
             made = new ZeMaildir(user, dir, option1, create);
         }
-#ifdef ZEMAIL_HAVE_MBOX
         if (made == nullptr && vtl_is_mbox(dir)) {
             made = new ZeMbox(dir, option1, create);
         }
-#endif
     }
     if (made == nullptr) {
         return;

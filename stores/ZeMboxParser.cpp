@@ -5,6 +5,7 @@
 #include <unordered_set>
 
 #include "model/ZeMessageFlags.h"
+#include "support/mime/DateTime.h"
 
 namespace ZeMboxParser {
 
@@ -633,48 +634,8 @@ time_t parseFromLine(const char* text, std::size_t length, std::string* sender) 
 }
 
 time_t parseDate(const std::string& value) {
-    // Comments go (they may nest), commas become blanks.
-    std::string text;
-    int depth = 0;
-    for (std::size_t i = 0; i < value.size(); ++i) {
-        const char c = value[i];
-        if (c == '(') {
-            ++depth;
-        } else if (c == ')' && depth > 0) {
-            --depth;
-        } else if (c == '\\' && depth > 0) {
-            ++i;
-        } else if (depth == 0) {
-            text.push_back(c == ',' ? ' ' : c);
-        }
-    }
-    const std::vector<std::string> w = words(text.data(), text.data() + text.size());
-    std::size_t i = 0;
-    if (i < w.size() && is_weekday(w[i])) {
-        ++i;
-    }
-    int day = 0;
-    int year = 0;
-    int seconds = 0;
-    if (i + 3 >= w.size() || !number(w[i], 2, &day)) {
-        return 0;
-    }
-    const int month = month_of(w[i + 1]);
-    if (month < 0 || !number(w[i + 2], 4, &year) || !clock_time(w[i + 3], &seconds)) {
-        return 0;
-    }
-    // RFC 5322 4.3: two-digit years from 50 are 19xx, below 50 20xx;
-    // three-digit years count from 1900.
-    if (w[i + 2].size() == 2) {
-        year += year < 50 ? 2000 : 1900;
-    } else if (w[i + 2].size() == 3) {
-        year += 1900;
-    }
-    long offset = 0;
-    if (i + 4 < w.size() && zone_of(w[i + 4], &offset) != Zone::Known) {
-        offset = 0;  // unknown names count as -0000 (RFC 5322 4.3)
-    }
-    return make_time(year, month, day, seconds, Zone::Known, offset);
+    time_t when = 0;
+    return Corvane::parseRfc5322Date(value, &when) && when > 0 ? when : 0;
 }
 
 unsigned long statusFlags(const std::string& text) {

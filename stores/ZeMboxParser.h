@@ -162,8 +162,7 @@ std::string unquote(const std::string& stored);
 // is no date from 1970 on.
 time_t parseFromLine(const char* text, std::size_t length, std::string* sender);
 
-// A "Date:" header's value (RFC 5322, with the obsolete forms: 2-digit
-// years, named zones, comments); a missing zone counts as +0000. 0 when it
+// A "Date:" header's value as Corvane::parseRfc5322Date reads it; 0 when it
 // is no date from 1970 on.
 time_t parseDate(const std::string& value);
 
