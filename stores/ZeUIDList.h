@@ -34,10 +34,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <ctime>
 #include <list>
-#include <map>
+#include <new>
 #include <string>
+#include <type_traits>
+#include <utility>
 
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
@@ -61,6 +64,92 @@ public:
     // any other name goes to uid(), which re-reads a changed file. A walk
     // calls uid() for its first name and this for the rest.
     virtual unsigned long cached_uid(const std::string& name) = 0;
+};
+
+// A growable array of trivially copyable values in one malloc'd block. It
+// grows and shrinks through realloc, which for large blocks remaps pages
+// instead of copying bytes, so an array can be sized for the worst case and
+// trimmed once its contents are known: pages never written cost nothing.
+template <typename T>
+class ZeUIDListArray {
+    static_assert(std::is_trivially_copyable<T>::value, "values are moved as bytes");
+
+public:
+    ZeUIDListArray() = default;
+    ~ZeUIDListArray() { std::free(m_data); }
+    ZeUIDListArray(ZeUIDListArray&& other) noexcept { swap(other); }
+    ZeUIDListArray& operator=(ZeUIDListArray&& other) noexcept {
+        ZeUIDListArray gone(std::move(other));
+        swap(gone);
+        return *this;
+    }
+    ZeUIDListArray(const ZeUIDListArray&) = delete;
+    ZeUIDListArray& operator=(const ZeUIDListArray&) = delete;
+
+    void swap(ZeUIDListArray& other) noexcept {
+        std::swap(m_data, other.m_data);
+        std::swap(m_size, other.m_size);
+        std::swap(m_capacity, other.m_capacity);
+    }
+
+    T* data() { return m_data; }
+    const T* data() const { return m_data; }
+    const T* begin() const { return m_data; }
+    const T* end() const { return m_data + m_size; }
+    std::size_t size() const { return m_size; }
+    std::size_t capacity() const { return m_capacity; }
+    bool empty() const { return m_size == 0; }
+    T& operator[](std::size_t i) { return m_data[i]; }
+    const T& operator[](std::size_t i) const { return m_data[i]; }
+    T& back() { return m_data[m_size - 1]; }
+    const T& back() const { return m_data[m_size - 1]; }
+
+    void push_back(const T& value) {
+        if (m_size == m_capacity) {
+            reserve(m_capacity < 16 ? 16 : m_capacity + m_capacity / 2);
+        }
+        m_data[m_size++] = value;
+    }
+    // Room for n values in all; never shrinks. Throws std::bad_alloc.
+    void reserve(std::size_t n) {
+        if (n > m_capacity) {
+            _reallocate(n);
+        }
+    }
+    // Sets the size to n <= capacity(); values past the old size are
+    // whatever the caller wrote there.
+    void set_size(std::size_t n) { m_size = n; }
+    // Gives back the room past the end.
+    void shrink_to_fit() {
+        if (m_size == 0) {
+            clear();
+        } else if (m_size < m_capacity) {
+            _reallocate(m_size);
+        }
+    }
+    void clear() {
+        std::free(m_data);
+        m_data = nullptr;
+        m_size = 0;
+        m_capacity = 0;
+    }
+
+private:
+    void _reallocate(std::size_t n) {
+        if (n > static_cast<std::size_t>(-1) / sizeof(T)) {
+            throw std::bad_alloc();
+        }
+        void* moved = std::realloc(m_data, n * sizeof(T));
+        if (moved == nullptr) {
+            throw std::bad_alloc();
+        }
+        m_data = static_cast<T*>(moved);
+        m_capacity = n;
+    }
+
+    T* m_data = nullptr;
+    std::size_t m_size = 0;
+    std::size_t m_capacity = 0;
 };
 
 class ZeUIDListImpl : public ZeUIDList__ {
@@ -88,20 +177,53 @@ public:
                             const char** nameOut, std::size_t* nameLength);
 
 private:
+    // One mapping of either map: a UID and where its base name lies in the
+    // name arena (offset << 10 | length; a name fits the line buffer).
+    struct Entry {
+        std::uint64_t uid;
+        std::uint64_t name;
+    };
+    using Entries = ZeUIDListArray<Entry>;
+
+    // The records of one read of the file, in file order, their names
+    // already in the arena.
+    struct Batch {
+        Entries records;
+        bool uidsAscend = true;   // every UID larger than the one before
+        bool namesAscend = true;  // every name after the one before in byte order
+    };
+
     // Brings the maps up to date with the file; called with mutex held.
     void LoadUIDList();
-    // Reads the records of an opened file into the maps; returns false when
-    // a line broke the grammar.
-    bool _read_records(int fd, std::size_t fileSize);
-    void _add_record(std::uint64_t uidValue, const char* name, std::size_t nameLength);
+    // Reads the records of an opened file into batch and the arena; returns
+    // false when a line broke the grammar.
+    bool _read_records(int fd, std::size_t fileSize, Batch* batch);
+    // Puts what one read found into the maps; entries already there win.
+    void _add_batch(Batch* batch, std::size_t arenaBefore);
+    // Drops the names this read added to the arena (from arenaBefore on)
+    // that no entry of first or second (either may be null) refers to.
+    void _compact_names(std::size_t arenaBefore, Entries* first, Entries* second);
+    void _clear();
+    // The entry of a base name, or null.
+    const Entry* _find_name(const char* name, std::size_t length) const;
+    const Entries& _names() const { return namesFollowUids ? byUid : byName; }
 
-    std::map<std::uint64_t, std::string> byUid;
-    std::map<std::string, std::uint64_t> byName;
+    // The two maps are sorted arrays searched by binary search.
+    Entries byUid;     // UID -> base name: sorted by UID, one entry per UID
+    Entries byName;    // base name -> UID: sorted by the names' bytes, one entry per
+                       // name; left empty while namesFollowUids
     std::string file;  // <folder>/.dovecot-uidlist
     bool loaded;       // the maps reflect the file as of mtime
     bool parsedOk;     // the last read met no malformed line
     time_t mtime;      // the file's modification time when last read
     boost::mutex mutex;
+    // The bytes of the base names the maps refer to, back to back; the two
+    // entries a record gives share one copy.
+    ZeUIDListArray<char> names;
+    // True while byName would hold exactly byUid's entries in the same order
+    // (the usual case: the server's names begin with the delivery time);
+    // byUid then serves as both.
+    bool namesFollowUids;
 };
 
 // One cached folder of the manager.

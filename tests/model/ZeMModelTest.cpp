@@ -1,6 +1,7 @@
-// The mailbox model without a server: folder order and child counts, folder
-// records, users read from disk, the mailbox factory, the defaults of the
-// mailbox base, message handles, iteration, and the scope-and-filter
+// The mailbox model without a server: the folder order's corner cases (the
+// order of a server's list is checked in ZeMUserDovecotTest), child counts,
+// folder records, users read from disk, the mailbox factory, the routing of
+// the mailbox base, message handles, iteration, and the scope-and-filter
 // combination.
 #include <gtest/gtest.h>
 
@@ -55,17 +56,6 @@ public:
 
 // ------------------------------------------------------------ folder order
 
-TEST(FolderOrder, SystemFoldersComeFirstInRankThenOthersWithoutRegardToCase) {
-    ListOnlyUser user;
-    for (const char* name :
-         {"work", "Trash", "Zeta", "Junk", "INBOX", "archive", "Sent", "Drafts", "Beta"}) {
-        user.add(name);
-    }
-    EXPECT_EQ((std::vector<std::string>{"INBOX", "Drafts", "Sent", "Trash", "Junk", "archive",
-                                        "Beta", "work", "Zeta"}),
-              user.names());
-}
-
 TEST(FolderOrder, ATieGoesBeforeWhenSmallerAndToTheVeryEndOtherwise) {
     ListOnlyUser smaller_later;
     smaller_later.add("abc");
@@ -118,12 +108,10 @@ TEST(FolderOrder, TheIteratorWalksTheListOnceLoaded) {
     EXPECT_EQ((std::vector<std::string>{"A", "B"}), seen);
 }
 
+// Which types the server keeps is MailUserIdTest's; here only that the user asks its id.
 TEST(Users, ImapAccessFollowsTheIdType) {
-    for (int type = 0; type <= 13; ++type) {
-        const ZeMUserRef user = ZeMUserRef::createDirect(static_cast<MailBoxType>(type), "ann");
-        const bool expected = type == 0 || type == 1 || type == 6 || type == 7 || type == 11;
-        EXPECT_EQ(expected, user->hasImapAccess("any")) << type;
-    }
+    EXPECT_TRUE(ZeMUserRef::createDirect(static_cast<MailBoxType>(6), "ann")->hasImapAccess("x"));
+    EXPECT_FALSE(ZeMUserRef::createDirect(static_cast<MailBoxType>(5), "ann")->hasImapAccess("x"));
 }
 
 TEST(Users, FactoriesPickTheKindByOpenMethod) {
@@ -151,7 +139,7 @@ TEST(Folders, RecordsCompareByParentAndNameOnly) {
     EXPECT_EQ("bob", copy.id().address());
 }
 
-TEST(Folders, ChildCountsAndCounters) {
+TEST(Folders, ChildCounts) {
     ZeMFolderRef folder = ZeMFolderRef::create(kAnn, "Work", 0);
     EXPECT_EQ(1, folder->add_children(1));
     folder->add_children(1);
@@ -160,15 +148,6 @@ TEST(Folders, ChildCountsAndCounters) {
     EXPECT_EQ(1, folder->children());
     folder->has_children(false);
     EXPECT_EQ(0, folder->children());
-
-    auto* imap = dynamic_cast<ZeMFolderImap*>(folder.get());
-    ASSERT_NE(nullptr, imap);
-    imap->set(10, 2, 11, 3, 5000000000LL);
-    EXPECT_EQ(10, folder->messages());
-    EXPECT_EQ(2, folder->recent());
-    EXPECT_EQ(11, folder->uidnext());
-    EXPECT_EQ(3, folder->unseen());
-    EXPECT_EQ(5000000000LL, folder->x_size());
 }
 
 TEST(Folders, DirectFoldersSendNothingAndUnsafeNamesGiveNoFolder) {
@@ -415,25 +394,6 @@ private:
     MailboxOpenMethod m_method;
 };
 
-TEST(MailboxBase, DefaultsAnswerTheirDocumentedValues) {
-    RecordingMailbox box(MAILBOX_OPEN_IMAP);
-    EXPECT_EQ(0, box.get_status());
-    EXPECT_EQ(0, box.add());
-    EXPECT_EQ(0, box.remove());
-    EXPECT_EQ(0, box.rename("x"));
-    EXPECT_EQ(0, box.searched_count());
-    EXPECT_EQ("", box.last_error());
-    EXPECT_EQ(&box.last_error(), &RecordingMailbox(MAILBOX_OPEN_DIRECT).last_error());
-    EXPECT_EQ(0, box.move_message("1", "x"));
-    EXPECT_EQ(0, box.remove_message("1", true));
-    EXPECT_EQ(0, box.append("/nonexistent", ZeMessageFlags()));
-    EXPECT_EQ(0, box.foreach_sections(box.fetch(), nullptr));
-    EXPECT_TRUE(box.fetch().isNull());
-    EXPECT_EQ("", box.username());
-    EXPECT_EQ(0, box.userType());
-    EXPECT_TRUE(box.retrieve_mime(box.fetch()).isNull());
-}
-
 TEST(MailboxBase, ModifyByUidFormatsTheKeyAndRefusesZero) {
     RecordingMailbox box(MAILBOX_OPEN_IMAP);
     EXPECT_EQ(4, box.modify_message(0UL, ZeMessageFlags(ZeMessageFlags::SEEN)));
@@ -525,9 +485,7 @@ TEST(Messages, HandleHelpersNeverThrow) {
     EXPECT_EQ(1234, ZeMessageRef::time(imap));
     EXPECT_EQ(nullptr, imap.direct_message());
     EXPECT_TRUE(imap.media().isNull());
-    EXPECT_EQ("<m1@x>", imap->env()->msgID());
-    EXPECT_EQ("base", imap->env()->basename());
-    EXPECT_EQ(1, imap->ref_count());
+    EXPECT_EQ("<m1@x>", imap->env()->msgID());  // from the Message-ID field
 
     // The flag value is replaced whole, and the envelope follows.
     imap->flags(ZeMessageFlags(ZeMessageFlags::SEEN, ZeMessageFlags::ADD));

@@ -558,21 +558,9 @@ TEST_F(ScopesDovecot, AttachmentByHeaderAgreesAndTheTreeDiffersOnlyAsDocumented)
     const UidSet remote = agree(sf);  // no trees: the header rule on both sides
     EXPECT_GT(remote.size(), 20u);
 
+    // The tree read from the file equals the server's (MimePartDovecotTest
+    // compares the two for the whole corpus), so the local tree decides.
     const UidSet by_tree = local(sf, true);
-    // The tree read from the file and the server's tree decide alike.
-    ZeMFilterRef attachment = FZeMAttachment::create();
-    for (const File& file : s_files) {
-        // An unreadable top Content-Type gives no tree on either side.
-        ASSERT_EQ(file.tree.isNull(), file.local_tree.isNull()) << file.origin;
-        if (file.tree.isNull()) {
-            continue;
-        }
-        FileMessage message(s_dir + "/cur", file.name, file.uid);
-        message.mime(file.tree);
-        const bool server_tree = attachment->match(message);
-        message.mime(file.local_tree);
-        EXPECT_EQ(server_tree, attachment->match(message)) << file.origin;
-    }
     std::size_t mixed_without = 0, elsewhere = 0;
     for (const File& file : s_files) {
         if (file.deleted || file.tree.isNull()) {

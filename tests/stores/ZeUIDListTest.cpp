@@ -2,9 +2,13 @@
 // reading stops, first-mapping-wins across re-reads, and the folder cache.
 #include "stores/ZeUIDList.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <map>
+#include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -144,6 +148,176 @@ TEST_F(ZeUIDListTest, LineThatDoesNotFitTheBufferEndsTheReadKeepingWhatCameBefor
     write(kHeader + record(2, 1024), 1003);
     ZeUIDListImpl lastTooLong(file());
     EXPECT_EQ("", lastTooLong.basename(2));
+}
+
+TEST_F(ZeUIDListTest, UidsOfEveryLengthUpToSixtyFourBits) {
+    std::string content = kHeader;
+    std::vector<std::pair<std::string, unsigned long>> uids;
+    std::string digits;
+    for (int length = 1; length <= 19; ++length) {
+        digits += static_cast<char>('1' + length % 9);
+        uids.emplace_back(digits, std::stoul(digits));
+    }
+    uids.emplace_back("10000000000000000000", 10000000000000000000ul);
+    uids.emplace_back("18446744073709551615", 18446744073709551615ul);
+    uids.emplace_back("0000000000000000000000042", 42ul);  // leading zeros do not count
+    for (const auto& entry : uids) {
+        content += entry.first + " :n" + entry.first + "\n";
+    }
+    write(content, 1000);
+    for (const auto& entry : uids) {
+        EXPECT_EQ("n" + entry.first, list().basename(entry.second)) << entry.first;
+    }
+}
+
+TEST_F(ZeUIDListTest, LongLinesFollowTheSameGrammarAsShortOnes) {
+    const std::string longName(300, 'x');
+    write(kHeader +
+              "1 G0123456789abcdef0123456789abcdef W12 :far-colon\n"  // ":" past 16 bytes
+              "2 :" +
+              longName + ",S=1\n" +                           // name past 64 bytes
+              "3 :" + std::string(70, 'c') + "\n" +           // no comma, no feed nearby
+              "4 :short,S=" + std::string(200, '9') + "\n" +  // feed far after the comma
+              "5 :a:b,c:d\n" +                                // colons in the name
+              "6 :next-line-is-not-this-name\n7 :x,y\n",
+          1000);
+    EXPECT_EQ("far-colon", list().basename(1));
+    EXPECT_EQ(longName, list().basename(2));
+    EXPECT_EQ(2u, list().uid(longName + ",S=1:2,S"));
+    EXPECT_EQ(std::string(70, 'c'), list().basename(3));
+    EXPECT_EQ("short", list().basename(4));
+    EXPECT_EQ("a:b", list().basename(5));
+    EXPECT_EQ("next-line-is-not-this-name", list().basename(6));
+    EXPECT_EQ("x", list().basename(7));
+}
+
+TEST_F(ZeUIDListTest, ColonOfTheNextLineDoesNotCount) {
+    // "8 W1" has no ":" of its own; the one of the line after it is near.
+    write(kHeader + "1 :a\n8 W1\n9 :b\n", 1000);
+    EXPECT_EQ("", list().basename(1));
+    EXPECT_EQ(kUnknown, list().uid("b"));
+}
+
+// The maps a file gives, worked out the plain way: first mapping seen wins.
+struct Expected {
+    std::map<unsigned long, std::string> byUid;
+    std::map<std::string, unsigned long> byName;
+    void add(const std::vector<std::pair<unsigned long, std::string>>& records) {
+        for (const auto& record : records) {
+            byUid.emplace(record.first, record.second);
+            byName.emplace(record.second, record.first);
+        }
+    }
+};
+
+std::string recordsText(const std::vector<std::pair<unsigned long, std::string>>& records) {
+    std::string text = kHeader;
+    for (const auto& record : records) {
+        text += std::to_string(record.first) + " :" + record.second + ",S=1\n";
+    }
+    return text;
+}
+
+void expectMaps(ZeUIDListImpl& list, const Expected& expected) {
+    for (const auto& entry : expected.byUid) {
+        EXPECT_EQ(entry.second, list.basename(entry.first)) << entry.first;
+    }
+    for (const auto& entry : expected.byName) {
+        EXPECT_EQ(entry.second, list.uid(entry.first)) << entry.first;
+    }
+    // match() walks the names in byte order.
+    for (const auto& entry : expected.byName) {
+        EXPECT_EQ(entry.second, list.match(entry.first)) << entry.first;
+        break;
+    }
+    EXPECT_EQ(expected.byName.empty() ? kUnknown : expected.byName.begin()->second, list.match(""));
+}
+
+// Records as the server writes them (ascending UIDs, names in time order)
+// and in other orders, with repeated UIDs and names: the same answers as a
+// plain reading, whatever the order.
+TEST_F(ZeUIDListTest, RecordsInAnyOrderKeepTheFirstMappingSeen) {
+    std::vector<std::pair<unsigned long, std::string>> records;
+    for (unsigned long uid = 1; uid <= 300; ++uid) {
+        records.emplace_back(uid * 3, "17000" + std::to_string(100000 + uid) + ".M1P2.host");
+    }
+    records.emplace_back(30, "17000100001.M1P2.host");  // both known: changes nothing
+    records.emplace_back(31, "17000100010.M1P2.host");  // a new UID for a known name
+    records.emplace_back(33, "0-sorts-first");          // a known UID, a new name
+    records.emplace_back(2000, "~sorts-last");
+
+    std::mt19937 random(7);
+    std::vector<std::vector<std::pair<unsigned long, std::string>>> orders;
+    orders.push_back(records);
+    orders.emplace_back(records.rbegin(), records.rend());
+    orders.push_back(records);
+    std::rotate(orders.back().begin(), orders.back().begin() + 1, orders.back().end());
+    for (int i = 0; i < 3; ++i) {
+        orders.push_back(records);
+        std::shuffle(orders.back().begin(), orders.back().end(), random);
+    }
+    time_t when = 1000;
+    for (const auto& order : orders) {
+        SCOPED_TRACE(when);
+        write(recordsText(order), ++when);
+        ZeUIDListImpl fresh(file());
+        Expected expected;
+        expected.add(order);
+        expectMaps(fresh, expected);
+    }
+}
+
+// A file larger than one read: lines of every length cross the places where
+// one read ends and the next begins.
+TEST_F(ZeUIDListTest, LargeFileIsReadWhole) {
+    std::vector<std::pair<unsigned long, std::string>> records;
+    std::string text = kHeader;
+    for (unsigned long uid = 1; text.size() < 700 * 1024; ++uid) {
+        records.emplace_back(uid, std::to_string(1700000000 + uid) + std::string(uid % 97, 'n'));
+        text += std::to_string(uid) + (uid % 3 == 0 ? " W77 :" : " :") + records.back().second +
+                (uid % 5 == 0 ? "" : ",S=12") + "\n";
+    }
+    records.emplace_back(records.size() + 1, "last-without-feed");
+    text += std::to_string(records.size()) + " :last-without-feed";
+    write(text, 1000);
+    Expected expected;
+    expected.add(records);
+    expectMaps(list(), expected);
+}
+
+// A re-read adds what the new version has that the list lacks, wherever it
+// falls in either order; what the list had stays, even where the file now
+// says otherwise.
+TEST_F(ZeUIDListTest, RereadAddsNewRecordsAnywhereAndKeepsOldOnes) {
+    std::vector<std::pair<unsigned long, std::string>> first;
+    for (unsigned long uid = 10; uid <= 200; uid += 10) {
+        first.emplace_back(uid, "1700000" + std::to_string(uid + 100) + ".host");
+    }
+    std::vector<std::pair<unsigned long, std::string>> appended = first;
+    appended.emplace_back(300, "1700000400.host");
+    std::vector<std::pair<unsigned long, std::string>> anywhere = appended;
+    anywhere.emplace_back(15, "1700000115.host");   // between in both orders
+    anywhere.emplace_back(5, "1700000999.host");    // first by UID, last by name
+    anywhere.emplace_back(20, "1700000120.other");  // a known UID, a new name
+    anywhere.emplace_back(400, "1700000110.host");  // a new UID, a known name
+    anywhere.erase(anywhere.begin());               // gone from the file, kept by the list
+
+    Expected expected;
+    time_t when = 1000;
+    for (const auto* version : {&first, &appended, &anywhere, &first, &anywhere}) {
+        SCOPED_TRACE(when);
+        write(recordsText(*version), ++when);
+        expected.add(*version);
+        expectMaps(list(), expected);
+    }
+    // Vanished and back: read from scratch.
+    ASSERT_EQ(0, ::unlink(file().c_str()));
+    EXPECT_EQ(kUnknown, list().match(""));
+    write(recordsText(anywhere), ++when);
+    Expected fresh;
+    fresh.add(anywhere);
+    expectMaps(list(), fresh);
+    EXPECT_EQ("", list().basename(10));
 }
 
 // --- lookups ----------------------------------------------------------------

@@ -62,40 +62,6 @@ bool is_inbox(const std::string& folder) {
     return upper == "INBOX";
 }
 
-// A user name becomes two path components and a word of env(); refuse
-// anything that could escape the mail root or split the environment text.
-void check_user(const std::string& user) {
-    const size_t at = user.find('@');
-    const std::string local = user.substr(0, at);
-    const std::string domain = at == std::string::npos ? "localhost" : user.substr(at + 1);
-    auto bad_part = [](const std::string& part) {
-        return part.empty() || part == "." || part == ".." ||
-               std::any_of(part.begin(), part.end(), [](unsigned char c) {
-                   return c <= ' ' || c == 0x7f || c == '/' || c == '@';
-               });
-    };
-    if (bad_part(local) || bad_part(domain))
-        fail("unusable user name '" + user + "'");
-}
-
-// Folder components map to one Maildir++ directory name joined by '.', so
-// a '.' inside a component would silently turn into a hierarchy level.
-void check_folder(const std::string& folder) {
-    if (is_inbox(folder))
-        return;
-    std::string part;
-    std::istringstream in(folder);
-    bool any = false;
-    while (std::getline(in, part, '/')) {
-        any = true;
-        if (part.empty() || part.find('.') != std::string::npos ||
-            std::any_of(part.begin(), part.end(), [](unsigned char c) { return c < ' '; }))
-            fail("unusable folder name '" + folder + "'");
-    }
-    if (!any || folder.back() == '/')
-        fail("unusable folder name '" + folder + "'");
-}
-
 void write_file(const std::string& path, const std::string& bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
@@ -127,21 +93,14 @@ void make_dir(const fs::path& path, fs::perms mode) {
 
 struct TimedOut {};
 
-// Size of the literal announced at the end of the line [begin, end) ("{N}"
-// or, when plus_ok, "{N+}"), ignoring a trailing CR. Returns false when the
-// line announces none.
-bool literal_at_end(const std::string& s, size_t begin, size_t end, bool plus_ok, size_t* size,
-                    bool* synchronizing) {
+// Size of the literal announced at the end of the line [begin, end) as
+// "{N}", ignoring a trailing CR. Returns false when the line announces none.
+bool literal_at_end(const std::string& s, size_t begin, size_t end, size_t* size) {
     if (end > begin && s[end - 1] == '\r')
         --end;
     if (end <= begin || s[end - 1] != '}')
         return false;
     size_t p = end - 1;
-    bool plus = false;
-    if (plus_ok && p > begin && s[p - 1] == '+') {
-        plus = true;
-        --p;
-    }
     const size_t digits_end = p;
     while (p > begin && s[p - 1] >= '0' && s[p - 1] <= '9')
         --p;
@@ -152,8 +111,6 @@ bool literal_at_end(const std::string& s, size_t begin, size_t end, bool plus_ok
     for (size_t i = p; i < digits_end; ++i)
         n = n * 10 + static_cast<size_t>(s[i] - '0');
     *size = n;
-    if (synchronizing != nullptr)
-        *synchronizing = !plus;
     return true;
 }
 
@@ -308,7 +265,7 @@ private:
             if (nl == std::string::npos)
                 return std::string::npos;
             size_t n = 0;
-            if (!literal_at_end(m_out, p, nl, false, &n, nullptr))
+            if (!literal_at_end(m_out, p, nl, &n))
                 return nl + 1;
             if (m_out.size() - (nl + 1) < n)
                 return std::string::npos;
@@ -352,71 +309,32 @@ private:
     bool m_eof = false;
 };
 
-std::string first_word(const std::string& line, size_t skip_words) {
-    size_t p = 0;
-    for (;;) {
-        const size_t end = line.find_first_of(" \r\n", p);
-        if (skip_words == 0)
-            return line.substr(p, end == std::string::npos ? std::string::npos : end - p);
-        if (end == std::string::npos || line[end] != ' ')
-            return std::string();
-        p = end + 1;
-        --skip_words;
-    }
-}
-
-bool iequals(const std::string& a, const char* b) {
-    const size_t n = std::strlen(b);
-    if (a.size() != n)
-        return false;
-    for (size_t i = 0; i < n; ++i)
-        if (std::toupper(static_cast<unsigned char>(a[i])) != b[i])
-            return false;
-    return true;
-}
-
-// Feeds the script to the server one command at a time.
+// Feeds the script to the server one command at a time: each command waits
+// for its tagged answer, a literal for the server's "+" first. A literal the
+// server refuses (tagged answer instead of "+") is skipped with its command.
 void play_script(Session& session, const std::string& script) {
     size_t p = 0;
-    std::string tag;        // of the command being sent; empty between commands
-    bool skipping = false;  // the server refused a literal: drop the rest of that command
+    std::string tag;  // of the command being sent; empty between commands
     while (p < script.size()) {
         const size_t nl = script.find('\n', p);
         std::string line =
             nl == std::string::npos ? script.substr(p) + "\n" : script.substr(p, nl + 1 - p);
         p = nl == std::string::npos ? script.size() : nl + 1;
-
-        const bool starts_command = tag.empty() && !skipping;
-        if (starts_command)
-            tag = first_word(line, 0);
-
-        size_t literal = 0;
-        bool synchronizing = false;
-        const bool has_literal =
-            literal_at_end(line, 0, line.size() - 1, true, &literal, &synchronizing);
-
-        if (skipping) {
-            if (has_literal)
-                p += std::min(literal, script.size() - p);
-            else
-                skipping = false;
-            continue;
-        }
+        if (tag.empty())
+            tag = line.substr(0, line.find_first_of(" \r\n"));
         if (!session.send(line.data(), line.size()))
             return;
-        if (has_literal) {
-            if (synchronizing) {
-                const Session::Answer answer = session.wait_for(tag, true);
-                if (answer == Session::Answer::Eof)
-                    return;
-                if (answer == Session::Answer::Tagged) {
-                    p += std::min(literal, script.size() - p);
-                    tag.clear();
-                    skipping = true;
-                    continue;
-                }
-            }
+        size_t literal = 0;
+        if (literal_at_end(line, 0, line.size() - 1, &literal)) {
+            const Session::Answer answer = session.wait_for(tag, true);
             const size_t n = std::min(literal, script.size() - p);
+            if (answer == Session::Answer::Eof)
+                return;
+            if (answer == Session::Answer::Tagged) {
+                p += n;
+                tag.clear();
+                continue;
+            }
             if (!session.send(script.data() + p, n))
                 return;
             p += n;
@@ -424,15 +342,6 @@ void play_script(Session& session, const std::string& script) {
         }
         if (tag.empty())
             continue;  // an empty line: nothing to wait for
-        if (starts_command && iequals(first_word(line, 1), "IDLE")) {
-            // IDLE answers "+ idling"; the tagged answer follows DONE.
-            const Session::Answer answer = session.wait_for(tag, true);
-            if (answer == Session::Answer::Eof)
-                return;
-            if (answer == Session::Answer::Tagged)
-                tag.clear();
-            continue;
-        }
         if (session.wait_for(tag, false) == Session::Answer::Eof)
             return;
         tag.clear();
@@ -627,7 +536,6 @@ void DovecotServer::_write_wrapper() {
 }
 
 std::string DovecotServer::home(const std::string& user) const {
-    check_user(user);
     const size_t at = user.find('@');
     if (at == std::string::npos)
         return m_root + "/localhost/" + user;
@@ -639,7 +547,6 @@ std::string DovecotServer::maildir(const std::string& user) const {
 }
 
 std::string DovecotServer::folder_path(const std::string& user, const std::string& folder) const {
-    check_folder(folder);
     if (is_inbox(folder))
         return maildir(user);
     std::string dotted = folder;

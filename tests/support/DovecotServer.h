@@ -11,8 +11,9 @@
 //   home     = <root>/<domain>/<local part>   (domain "localhost" without '@')
 //   Maildir  = <home>/Maildir
 //   "A/B"    = <Maildir>/.A.B                 (Maildir++, "/" on the wire)
-// Folder names are used as given, so pass non-ASCII names in modified UTF-7
-// as Dovecot stores them.
+// User and folder names are used as given (a "." in a folder name becomes a
+// hierarchy level), so pass non-ASCII names in modified UTF-7 as Dovecot
+// stores them.
 //
 // Every Maildir the fixture creates also gets the links
 // .dovecot-uidlist -> dovecot-uidlist and .maildirsize -> maildirsize: the
@@ -97,10 +98,9 @@ public:
     // (Dovecot would otherwise run pipelined commands concurrently and
     // answer them out of order). Commands are the script's lines; a line
     // ending in "{N}" waits for the "+" continuation, then sends the next N
-    // bytes as the literal, "{N+}" sends them at once; after "<tag> IDLE"
-    // the next line (DONE) belongs to the same command. Line ends are sent as
-    // written; a missing final "\n" is added. Afterwards stdin is closed and
-    // the output is read up to end of file.
+    // bytes as the literal (a refused literal is skipped). Line ends are sent
+    // as written; a missing final "\n" is added. Afterwards stdin is closed
+    // and the output is read up to end of file.
     //
     // Returns every byte the server printed (CRLF line ends). If the server
     // exits early the output so far is returned. If the time-out passes the

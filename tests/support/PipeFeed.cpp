@@ -9,7 +9,7 @@
 
 namespace zetest {
 
-PipeFeed::PipeFeed(const std::string& server_output, bool close_after) {
+PipeFeed::PipeFeed(const std::string& server_output) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) < 0) {
         throw std::runtime_error("pipe failed");
@@ -18,7 +18,7 @@ PipeFeed::PipeFeed(const std::string& server_output, bool close_after) {
     m_io.read_fd(ends[0]);
     m_io.write_fd(open("/dev/null", O_WRONLY | O_CLOEXEC));
     m_io.timeout(1);
-    m_writer = std::thread([this, server_output, close_after] {
+    m_writer = std::thread([this, server_output] {
         // A reader that stops early must not kill the test with SIGPIPE.
         sigset_t pipe_only;
         sigemptyset(&pipe_only);
@@ -33,10 +33,8 @@ PipeFeed::PipeFeed(const std::string& server_output, bool close_after) {
             }
             done += static_cast<std::size_t>(n);
         }
-        if (close_after) {
-            ::close(m_write_end);
-            m_write_end = -1;
-        }
+        ::close(m_write_end);
+        m_write_end = -1;
     });
 }
 

@@ -15,7 +15,7 @@ namespace zetest {
 // text holds fails fast instead of hanging.
 class PipeFeed {
 public:
-    explicit PipeFeed(const std::string& server_output, bool close_after = true);
+    explicit PipeFeed(const std::string& server_output);
     ~PipeFeed();
     PipeFeed(const PipeFeed&) = delete;
     PipeFeed& operator=(const PipeFeed&) = delete;
