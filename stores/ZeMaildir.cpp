@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <limits>
+#include <utility>
 
 #include <boost/filesystem/operations.hpp>
 
@@ -46,14 +47,14 @@ bool rename_no_replace(const std::string& from, const std::string& to) {
 
 // ------------------------------------------------------------------ envelope
 
-ZeMaildirMsgEnv::ZeMaildirMsgEnv(const std::string& dir, const std::string& name, unsigned long uid)
+ZeMaildirMsgEnv::ZeMaildirMsgEnv(const std::string& dir, std::string name, unsigned long uid)
     : m_dir(dir),
-      m_name(name),
+      m_name(std::move(name)),
       m_uid(uid),
-      m_flagchars(ZeMaildirName::flagChars(name)),
+      m_flagchars(ZeMaildirName::flagChars(m_name)),
       m_size(0),
-      m_size_known(ZeMaildirName::sizeFromName(name, &m_size)),
-      m_msgid(name) {}
+      m_size_known(ZeMaildirName::sizeFromName(m_name, &m_size)),
+      m_msgid(m_name) {}
 
 unsigned long ZeMaildirMsgEnv::size() {
     if (!m_size_known) {
@@ -244,15 +245,15 @@ int ZeMaildir::next() {
         if (filtered && m_scope_filter->done()) {
             break;
         }
-        const std::string name = entry->d_name;
+        std::string name = entry->d_name;
         const unsigned long uid = m_walk_start ? uid_from_file(name) : _uid_list().cached_uid(name);
         m_walk_start = false;
-        Corvane::Ref<ZeMessageEnv> env =
-            Corvane::Ref<ZeMessageEnv>::adopt(new ZeMaildirMsgEnv(dir, name, uid));
+        auto* made = new ZeMaildirMsgEnv(dir, std::move(name), uid);
+        Corvane::Ref<ZeMessageEnv> env = Corvane::Ref<ZeMessageEnv>::adopt(made);
         if (filtered && !m_scope_filter->match(*env)) {
             continue;
         }
-        ZeMessageRef message(new ZeMaildirMsg(env, dir + name));
+        ZeMessageRef message(new ZeMaildirMsg(env, dir + made->name()));
         if (filtered && !m_scope_filter->match(*message)) {
             continue;
         }

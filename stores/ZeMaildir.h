@@ -44,7 +44,7 @@ public:
     // flag letters and the size from the name; a name without a size marker
     // takes the file's length (0 when it cannot be had), looked up on the
     // first size() so that walks which never ask pay no stat.
-    ZeMaildirMsgEnv(const std::string& dir, const std::string& name, unsigned long uid);
+    ZeMaildirMsgEnv(const std::string& dir, std::string name, unsigned long uid);
 
     // The flags whose Maildir letters stand in the name.
     ZeMessageFlags status() override;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <string_view>
@@ -810,6 +811,7 @@ void ZeUIDListImpl::_compact_names(std::size_t arenaBefore, Entries* first, Entr
 }
 
 void ZeUIDListImpl::_clear() {
+    nameSlots.clear();
     byUid.clear();
     byName.clear();
     names.clear();
@@ -848,13 +850,59 @@ void ZeUIDListImpl::LoadUIDList() {
     if (!parsedOk) {
         _clear();
     }
+    nameSlots.clear();
     loaded = true;
     mtime = st.st_mtime;
 }
 
-const ZeUIDListImpl::Entry* ZeUIDListImpl::_find_name(const char* name, std::size_t length) const {
+namespace {
+
+std::size_t hash_name(const char* name, std::size_t length) {
+    return std::hash<std::string_view>()(std::string_view(name, length));
+}
+
+}  // namespace
+
+void ZeUIDListImpl::_index_names() {
     const Entries& map = _names();
+    // Slots for between 1.5 and 3 times the entries: short probe runs.
+    std::size_t slots = 16;
+    while (slots < map.size() + map.size() / 2) {
+        slots *= 2;
+    }
+    try {
+        nameSlots.assign(slots, Entry{0, 0});
+    } catch (const std::bad_alloc&) {
+        return;  // the binary search serves
+    }
+    const std::size_t mask = slots - 1;
     const char* arena = names.data();
+    for (const Entry& entry : map) {
+        std::size_t slot =
+            hash_name(arena + name_offset(entry.name), name_length(entry.name)) & mask;
+        while (nameSlots[slot].uid != 0) {
+            slot = (slot + 1) & mask;
+        }
+        nameSlots[slot] = entry;
+    }
+}
+
+const ZeUIDListImpl::Entry* ZeUIDListImpl::_find_name(const char* name, std::size_t length) const {
+    const char* arena = names.data();
+    if (!nameSlots.empty()) {
+        // Names are unique in the map, so the first equal one is the entry.
+        const std::size_t mask = nameSlots.size() - 1;
+        for (std::size_t slot = hash_name(name, length) & mask; nameSlots[slot].uid != 0;
+             slot = (slot + 1) & mask) {
+            const Entry& entry = nameSlots[slot];
+            if (name_length(entry.name) == length &&
+                std::memcmp(arena + name_offset(entry.name), name, length) == 0) {
+                return &entry;
+            }
+        }
+        return nullptr;
+    }
+    const Entries& map = _names();
     std::size_t low = 0;
     std::size_t high = map.size();
     while (low < high) {
@@ -895,6 +943,9 @@ unsigned long ZeUIDListImpl::cached_uid(const std::string& name) {
     {
         boost::mutex::scoped_lock lock(mutex);
         if (loaded) {
+            if (nameSlots.empty()) {
+                _index_names();
+            }
             const Entry* found = _find_name(name.data(), base_length(name));
             if (found != nullptr) {
                 return found->uid;

@@ -39,6 +39,7 @@
 #include <list>
 #include <new>
 #include <string>
+#include <vector>
 #include <type_traits>
 #include <utility>
 
@@ -206,6 +207,8 @@ private:
     void _clear();
     // The entry of a base name, or null.
     const Entry* _find_name(const char* name, std::size_t length) const;
+    // Builds nameSlots for the maps as they are (walks look every file up).
+    void _index_names();
     const Entries& _names() const { return namesFollowUids ? byUid : byName; }
 
     // The two maps are sorted arrays searched by binary search.
@@ -224,6 +227,11 @@ private:
     // (the usual case: the server's names begin with the delivery time);
     // byUid then serves as both.
     bool namesFollowUids;
+    // A hash index over _names() for walks: open addressing, each slot a
+    // copy of its entry (UID 0: empty), so that a hit reads the slot and the
+    // name only. Made by the first cached_uid() after a read, dropped
+    // whenever the maps change; until then look-ups use the binary search.
+    std::vector<Entry> nameSlots;
 };
 
 // One cached folder of the manager.

@@ -397,6 +397,37 @@ TEST_F(ZeUIDListTest, EmptyAndHeaderOnlyFilesAreEmptyLists) {
     EXPECT_EQ("", list().basename(1));
 }
 
+// A walk's look-ups (cached_uid) answer exactly what uid() answers, for names
+// in any order, before and after a re-read that renames and adds records.
+TEST_F(ZeUIDListTest, WalkLookupsAgreeWithUidAcrossReReads) {
+    std::vector<int> order(2000);
+    for (int i = 0; i < 2000; ++i) {
+        order[i] = i + 1;
+    }
+    std::shuffle(order.begin(), order.end(), std::mt19937(7));
+    std::string content = kHeader;
+    for (int u : order) {
+        content += std::to_string(u) + " :n" + std::to_string(u * 7919 % 2003) + ".h\n";
+    }
+    write(content, 1000);
+    auto check = [&](int last) {
+        for (int u = 1; u <= last; ++u) {
+            const std::string name = "n" + std::to_string(u * 7919 % 2003) + ".h,S=1:2,S";
+            ASSERT_EQ(list().uid(name), list().cached_uid(name)) << name;
+            ASSERT_EQ(static_cast<unsigned long>(u), list().cached_uid(name)) << name;
+        }
+        EXPECT_EQ(kUnknown, list().cached_uid("n99999.h"));
+        EXPECT_EQ(kUnknown, list().cached_uid(""));
+    };
+    check(2000);
+    // New records, one of them reusing a known name under a new UID: the
+    // first mapping seen stays.
+    write(content + "2001 :n2001x.h\n2002 :n1.h\n", 1001);
+    EXPECT_EQ(2001u, list().cached_uid("n2001x.h,S=1:2,"));  // unknown: the file is read again
+    check(2000);
+    EXPECT_EQ(list().uid("n1.h"), list().cached_uid("n1.h"));
+}
+
 // --- the manager --------------------------------------------------------------
 
 TEST(ZeUIDListManagerTest, FolderPathsAreNormalised) {
