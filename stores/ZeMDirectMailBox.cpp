@@ -176,7 +176,7 @@ Corvane::MediaIn ZeMFileMsg::media() {
 }
 
 ZeMFileMailBox::ZeMFileMailBox(const std::string& path, const ZeMUserRef& user)
-    : ZeMDirectMailBox(user), m_path(path) {}
+    : ZeMReadOnlyMailBox(user), m_path(path) {}
 
 ZeMessageRef ZeMFileMailBox::_message() const {
     struct stat st;
@@ -233,35 +233,38 @@ ZeMessageRef ZeMFileMailBox::retrieve_message(const std::string& key) {
     return ours ? _message() : ZeMessageRef();
 }
 
-void ZeMFileMailBox::_refuse(const char* operation, int line) {
-    throw Corvane::Exception(std::string(" ZeMFileMailBox::") + operation + " - Not Implimented", 4,
-                             "ZeMDirectMailBox", line);
+// ------------------------------------------------------ read-only stores
+
+void ZeMReadOnlyMailBox::_refuse(const char* operation, int line) const {
+    throw Corvane::Exception(
+        std::string(" ") + _class_name() + "::" + operation + " - Not Implimented", 4, _unit_name(),
+        line);
 }
 
-int ZeMFileMailBox::expunge() {
+int ZeMReadOnlyMailBox::expunge() {
     _refuse("expunge", __LINE__);
 }
 
-int ZeMFileMailBox::clean() {
+int ZeMReadOnlyMailBox::clean() {
     _refuse("clean", __LINE__);
 }
 
-int ZeMFileMailBox::modify_message(const std::string&, const ZeMessageFlags&) {
+int ZeMReadOnlyMailBox::modify_message(const std::string&, const ZeMessageFlags&) {
     _refuse("modify_message", __LINE__);
 }
 
-int ZeMFileMailBox::move_message(const std::string&, const std::string&) {
+int ZeMReadOnlyMailBox::move_message(const std::string&, const std::string&) {
     _refuse("move_message", __LINE__);
 }
 
-int ZeMFileMailBox::remove_message(const std::string&, bool) {
+int ZeMReadOnlyMailBox::remove_message(const std::string&, bool) {
     _refuse("remove_message", __LINE__);
 }
 
-int ZeMFileMailBox::append(const std::string&, const ZeMessageFlags&) {
+int ZeMReadOnlyMailBox::append(const std::string&, const ZeMessageFlags&) {
     _refuse("append", __LINE__);
 }
 
-int ZeMFileMailBox::append(const ZeMessageRef&, statusOP, ZeMessageFlags) {
+int ZeMReadOnlyMailBox::append(const ZeMessageRef&, statusOP, ZeMessageFlags) {
     _refuse("append", __LINE__);
 }

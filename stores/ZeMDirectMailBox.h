@@ -77,6 +77,34 @@ private:
     ZeImapMimeRef _section_mime(ZeMessageRef message, const std::string& section);
 };
 
+// The base of the stores that read their messages and never change them
+// (mbox files, single-message files): every operation that would change the
+// store throws " <Class>::<operation> - Not Implimented" (code 4, the leading
+// blank and the spelling as callers match them), Class and the unit named
+// being the store's own.
+class ZeMReadOnlyMailBox : public ZeMDirectMailBox {
+public:
+    using ZeMDirectMailBox::ZeMDirectMailBox;
+
+    int expunge() override;
+    int clean() override;
+    using ZeMDirectMailBox::modify_message;
+    int modify_message(const std::string& key, const ZeMessageFlags& flags) override;
+    int move_message(const std::string& key, const std::string& to_folder) override;
+    int remove_message(const std::string& key, bool permanent) override;
+    int append(const std::string& file, const ZeMessageFlags& flags) override;
+    int append(const ZeMessageRef& message, statusOP op, ZeMessageFlags flags) override;
+
+protected:
+    // The store's class name for the refusals ("ZeMbox") and the source
+    // unit they name.
+    virtual const char* _class_name() const = 0;
+    virtual const char* _unit_name() const = 0;
+
+private:
+    [[noreturn]] void _refuse(const char* operation, int line) const;
+};
+
 // A message file on its own (a saved .eml, a message handed over by another
 // program, one file taken out of a Maildir) read as a mailbox holding that
 // one message:
@@ -132,7 +160,7 @@ private:
     std::string m_path;
 };
 
-class ZeMFileMailBox : public ZeMDirectMailBox {
+class ZeMFileMailBox : public ZeMReadOnlyMailBox {
 public:
     explicit ZeMFileMailBox(const std::string& path, const ZeMUserRef& user = ZeMUserRef());
 
@@ -150,23 +178,15 @@ public:
     ZeMessageRef retrieve_message(unsigned long uid) override;
     ZeMessageRef retrieve_message(const std::string& key) override;
 
-    // Refused (" ZeMFileMailBox::<operation> - Not Implimented", code 4):
-    // the file is read, never changed.
-    int expunge() override;
-    int clean() override;
-    using ZeMDirectMailBox::modify_message;
-    int modify_message(const std::string& key, const ZeMessageFlags& flags) override;
-    int move_message(const std::string& key, const std::string& to_folder) override;
-    int remove_message(const std::string& key, bool permanent) override;
-    int append(const std::string& file, const ZeMessageFlags& flags) override;
-    int append(const ZeMessageRef& message, statusOP op, ZeMessageFlags flags) override;
-
     const std::string& path() const { return m_path; }
+
+protected:
+    const char* _class_name() const override { return "ZeMFileMailBox"; }
+    const char* _unit_name() const override { return "ZeMDirectMailBox"; }
 
 private:
     // The message as the file is now; null when it is gone.
     ZeMessageRef _message() const;
-    [[noreturn]] static void _refuse(const char* operation, int line);
 
     std::string m_path;
     bool m_opened = false;

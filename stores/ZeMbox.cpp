@@ -21,11 +21,6 @@ const char kUnit[] = "ZeMbox";
 const std::size_t kIndexChunk = 1u << 20;
 const std::size_t kStreamChunk = 64u << 10;
 
-[[noreturn]] void refuse(const char* operation, int line) {
-    throw Corvane::Exception(std::string(" ZeMbox::") + operation + " - Not Implimented", 4, kUnit,
-                             line);
-}
-
 // A message's bytes, unquoted on the way, read from the file piece by piece.
 class MboxMediaIn : public Corvane::MediaInImpl {
 public:
@@ -186,19 +181,6 @@ ZeMboxMsg::ZeMboxMsg(const Corvane::Ref<ZeMessageEnv>& env, std::string path)
 
 ZeMboxMsgEnv* ZeMboxMsg::_mbox_env() const {
     return dynamic_cast<ZeMboxMsgEnv*>(m_env.get());
-}
-
-Corvane::HeaderContainer& ZeMboxMsg::headers() {
-    if (!m_headers_loaded) {
-        m_headers_loaded = true;
-        try {
-            Corvane::MediaIn in = media();
-            m_headers.parse(in);
-        } catch (...) {
-            m_headers.clear();
-        }
-    }
-    return m_headers;
 }
 
 Corvane::MediaIn ZeMboxMsg::media() {
@@ -378,32 +360,4 @@ ZeMessageRef ZeMbox::retrieve_message(const std::string& key) {
     open();
     const bool direct = key.compare(0, 2, ",U") == 0;
     return _find(ze_message_key_uid(direct ? key.substr(2) : key));
-}
-
-int ZeMbox::expunge() {
-    refuse("expunge", __LINE__);
-}
-
-int ZeMbox::clean() {
-    refuse("clean", __LINE__);
-}
-
-int ZeMbox::modify_message(const std::string&, const ZeMessageFlags&) {
-    refuse("modify_message", __LINE__);
-}
-
-int ZeMbox::move_message(const std::string&, const std::string&) {
-    refuse("move_message", __LINE__);
-}
-
-int ZeMbox::remove_message(const std::string&, bool) {
-    refuse("remove_message", __LINE__);
-}
-
-int ZeMbox::append(const std::string&, const ZeMessageFlags&) {
-    refuse("append", __LINE__);
-}
-
-int ZeMbox::append(const ZeMessageRef&, ZeMDirectMailBox::statusOP, ZeMessageFlags) {
-    refuse("append", __LINE__);
 }

@@ -112,8 +112,6 @@ public:
     // received() come from it. path is the mbox file's.
     ZeMboxMsg(const Corvane::Ref<ZeMessageEnv>& env, std::string path);
 
-    // The message's header block, read once; none when it cannot be read.
-    Corvane::HeaderContainer& headers() override;
     // See ZeMboxMsgEnv::media.
     Corvane::MediaIn media() override;
     // The mbox file's path.
@@ -126,11 +124,10 @@ public:
 private:
     ZeMboxMsgEnv* _mbox_env() const;
 
-    bool m_headers_loaded = false;
     std::string m_path;
 };
 
-class ZeMbox : public ZeMDirectMailBox {
+class ZeMbox : public ZeMReadOnlyMailBox {
 public:
     // option is kept (option()) and not used by this store; create makes
     // open() create an empty file when there is none.
@@ -156,17 +153,8 @@ public:
     ZeMessageRef retrieve_message(unsigned long uid) override;
     ZeMessageRef retrieve_message(const std::string& key) override;
 
-    // Refused (they would rewrite the file): each throws
-    // " ZeMbox::<operation> - Not Implimented", code 4.
-    int expunge() override;
-    int clean() override;
-    using ZeMailboxBase::modify_message;
-    int modify_message(const std::string& key, const ZeMessageFlags& flags) override;
-    int move_message(const std::string& key, const std::string& to_folder) override;
-    int remove_message(const std::string& key, bool permanent) override;
-    int append(const std::string& file, const ZeMessageFlags& flags) override;
-    int append(const ZeMessageRef& message, ZeMDirectMailBox::statusOP op,
-               ZeMessageFlags flags) override;
+    // The operations that would rewrite the file are refused (see
+    // ZeMReadOnlyMailBox): " ZeMbox::<operation> - Not Implimented".
 
     MailboxOpenMethod open_method() override { return MAILBOX_OPEN_DIRECT; }
 
@@ -175,6 +163,10 @@ public:
     bool is_open() const { return m_opened; }
     // The messages as read by the last open() or reset(), in file order.
     const std::vector<ZeMboxParser::Entry>& index() const { return m_index; }
+
+protected:
+    const char* _class_name() const override { return "ZeMbox"; }
+    const char* _unit_name() const override { return "ZeMbox"; }
 
 private:
     // What identifies the version of the file that was read.
