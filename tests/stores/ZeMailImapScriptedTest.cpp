@@ -98,41 +98,35 @@ protected:
 
 // ------------------------------------------------------------ appending
 
-TEST_F(Scripted, AppendWithoutAppendUidTakesTheFoldersHighestUid) {
-    m_server.on("APPEND*", {"$tag OK Append completed."});
-    m_server.on("UID FETCH \\* (UID)", {"* 3 FETCH (UID 41)", "$tag OK done"});
+TEST_F(Scripted, AppendTakesTheAppendUidOrElseTheFoldersHighestUid) {
+    m_server.on("APPEND \"Inbox\"*", {"$tag OK [APPENDUID 1700000000 17] Append completed."});
+    m_server.on("APPEND \"Sent\"*", {"$tag OK Append completed."});
+    m_server.on("APPEND \"Odd\"*", {"$tag OK [APPENDUID 1700000000 x] odd code"});
+    m_server.on("APPEND \"Full\"*", {"$tag NO [OVERQUOTA] Quota exceeded"});
+    m_server.on("UID FETCH \\* (UID)", {"* 3 FETCH (UID 41)", "$tag OK done"}, true);
+    m_server.on("UID FETCH \\* (UID)", {"* 4 FETCH (UID 42)", "$tag OK done"});
     serve();
     const std::string message = "Subject: hi\n\nthere\n";
     const std::string file = m_root.write("m.eml", message);
-    const std::string log = start_log();
-    ZeMailBoxRef inbox = box();
-    EXPECT_EQ(0,
-              inbox->append(file, ZeMessageFlags(ZeMessageFlags::SEEN | ZeMessageFlags::RECENT)));
-    EXPECT_EQ(41u, imap(inbox).last_append_uid());
-    const Lines sent = m_server.untagged_commands();
-    EXPECT_TRUE(has(sent, "APPEND \"Inbox\" (\\Seen) {" + std::to_string(message.size()) + "}"))
-        << sent.front();
-    EXPECT_EQ(message, m_server.literals());
-    EXPECT_NE(std::string::npos,
-              zetest::read_file(log).find("ZeMailImap::append:1211: APPENDUID not returned"))
-        << zetest::read_file(log);
-}
-
-TEST_F(Scripted, AppendReadsTheUidOfTheAppendUidCodeAndRefusalsFail) {
-    m_server.on("APPEND \"Inbox\"*", {"$tag OK [APPENDUID 1700000000 17] Append completed."});
-    m_server.on("APPEND \"Sent\"*", {"$tag OK [APPENDUID 1700000000 x] odd code"});
-    m_server.on("APPEND \"Full\"*", {"$tag NO [OVERQUOTA] Quota exceeded"});
-    serve();
-    const std::string file = m_root.write("m.eml", "Subject: hi\n\nthere\n");
     ZeMailBoxRef inbox = box();
     EXPECT_EQ(0, inbox->append(file, ZeMessageFlags()));
     EXPECT_EQ(17u, imap(inbox).last_append_uid());
     EXPECT_TRUE(has(m_server.untagged_commands(), "APPEND \"Inbox\" {19}"));
 
-    // A code that is not a number: the fallback (the scripted fetch finds none).
+    const std::string log = start_log();
     ZeMailBoxRef sent = box("Sent");
-    EXPECT_EQ(0, sent->append(file, ZeMessageFlags()));
-    EXPECT_EQ(0u, imap(sent).last_append_uid());
+    EXPECT_EQ(0, sent->append(file, ZeMessageFlags(ZeMessageFlags::SEEN | ZeMessageFlags::RECENT)));
+    EXPECT_EQ(41u, imap(sent).last_append_uid());
+    EXPECT_TRUE(has(m_server.untagged_commands(),
+                    "APPEND \"Sent\" (\\Seen) {" + std::to_string(message.size()) + "}"));
+    EXPECT_EQ(message + message, m_server.literals());
+    EXPECT_NE(std::string::npos,
+              zetest::read_file(log).find("ZeMailImap::append:1211: APPENDUID not returned"))
+        << zetest::read_file(log);
+    // A code that is not a number: the fallback too.
+    ZeMailBoxRef odd = box("Odd");
+    EXPECT_EQ(0, odd->append(file, ZeMessageFlags()));
+    EXPECT_EQ(42u, imap(odd).last_append_uid());
 
     ZeMailBoxRef full = box("Full");
     EXPECT_EQ(4, full->append(file, ZeMessageFlags()));
@@ -153,12 +147,10 @@ TEST_F(Scripted, OpenSendsTheSearchPagesAndOneFetchOfTheUidSet) {
     EXPECT_EQ(
         (Lines{"SELECT \"Inbox\"", "UID SEARCH 1:3 UNDELETED", "UID FETCH 1:3" + kFetchItems}),
         sent);
+    // What the answers hold is read from Dovecot's in ZeMailImapDovecotTest.
     inbox->reset();
     ASSERT_EQ(1, inbox->next());
-    EXPECT_EQ("a", inbox->fetch()->headers().get("Subject"));
-    EXPECT_EQ("171.M1P1.host", inbox->fetch()->basename());
-    EXPECT_EQ(99u, inbox->fetch()->env()->size());
-    EXPECT_GT(inbox->fetch()->received(), 0);
+    EXPECT_EQ(1u, inbox->fetch()->uid());
     ASSERT_EQ(1, inbox->next());
     EXPECT_EQ(0, inbox->next());
 }
@@ -236,13 +228,7 @@ TEST_F(Scripted, ASelectRefusedThrowsAndIsLogged) {
     serve();
     const std::string log = start_log();
     ZeMailBoxRef gone = box("Gone");
-    try {
-        gone->open();
-        FAIL() << "no exception";
-    } catch (const Corvane::Exception& e) {
-        EXPECT_EQ("Failed to open mailbox!", e.text());
-        EXPECT_EQ(4, e.code());
-    }
+    EXPECT_THROW(gone->open(), Corvane::Exception);  // its text: ZeMailImapDovecotTest
     EXPECT_NE(std::string::npos,
               zetest::read_file(log).find(
                   "ZeMailImap::select_imap_folder:1236: Failed to open mailbox Gone"));
@@ -323,19 +309,17 @@ TEST_F(Scripted, FolderCommandsQuoteNamesAndDeferredRemovalHidesTheFolder) {
     const long long before = static_cast<long long>(std::time(nullptr));
     EXPECT_EQ(0, work->remove_deferred());
     const long long after = static_cast<long long>(std::time(nullptr));
+    // RENAME "Work/2019" ".deleted.<time>.<pid>.Work.2019", then SELECT it.
+    const std::string rename = "RENAME \"Work/2019\" ";
     Lines sent = since(mark);
     ASSERT_EQ(3u, sent.size());
-    EXPECT_EQ("NOOP", sent[0]);
-    // RENAME "Work/2019" ".deleted.<time>.<pid>.Work.2019", then SELECT it.
-    const std::string prefix = "RENAME \"Work/2019\" \".deleted.";
-    ASSERT_EQ(0u, sent[1].find(prefix)) << sent[1];
-    const std::string hidden = sent[1].substr(std::string("RENAME \"Work/2019\" ").size());
-    const long long when = std::stoll(hidden.substr(std::string("\".deleted.").size()));
+    ASSERT_EQ(0u, sent[1].find(rename + "\".deleted.")) << sent[1];
+    const long long when = std::atoll(sent[1].c_str() + rename.size() + sizeof "\".deleted." - 1);
     EXPECT_GE(when, before);
     EXPECT_LE(when, after);
-    const std::string tail = "." + std::to_string(getpid()) + ".Work.2019\"";
-    EXPECT_EQ(tail, hidden.substr(hidden.size() - tail.size()));
-    EXPECT_EQ("SELECT " + hidden, sent[2]);
+    const std::string hidden =
+        "\".deleted." + std::to_string(when) + "." + std::to_string(getpid()) + ".Work.2019\"";
+    EXPECT_EQ((Lines{"NOOP", rename + hidden, "SELECT " + hidden}), sent);
     EXPECT_EQ("Work/2019", work->name());
     EXPECT_FALSE(exists(size_file));  // the quota is counted afresh
 
@@ -368,6 +352,7 @@ TEST_F(Scripted, FolderCommandsQuoteNamesAndDeferredRemovalHidesTheFolder) {
     EXPECT_TRUE(since(mark).empty());
 }
 
+// Figures that tell limit from usage, and an answer without them.
 TEST_F(Scripted, QuotaAnswersAndTheirAbsence) {
     m_server.on("GETQUOTA*", {"* QUOTA \"\" (STORAGE 12 2048)", "$tag OK done"}, true);
     m_server.on("GETQUOTA*", {"$tag OK no quota here"});
