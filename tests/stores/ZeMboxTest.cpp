@@ -170,13 +170,17 @@ TEST(ZeMboxParserTest, UidsAreUniqueAndDependOnlyOnEarlierMessages) {
     EXPECT_EQ(before, after);
 }
 
-// Dates without a zone are local time: this test program runs in UTC.
-class ZeMboxDateTest : public ::testing::Test {
+// Dates without a zone are local time: these tests run in UTC.
+class InUtc : public ::testing::Test {
 protected:
     void SetUp() override {
         ::setenv("TZ", "UTC", 1);
         ::tzset();
     }
+};
+
+class ZeMboxDateTest : public InUtc {
+protected:
     static time_t from(const std::string& text, std::string* sender = nullptr) {
         return ZeMboxParser::parseFromLine(text.data(), text.size(), sender);
     }
@@ -206,17 +210,6 @@ TEST_F(ZeMboxDateTest, FromLineDates) {
     EXPECT_EQ("", sender);
 }
 
-TEST_F(ZeMboxDateTest, DateHeaderValues) {
-    using ZeMboxParser::parseDate;
-    EXPECT_EQ(k2011 + 5 * 3600, parseDate("Mon, 7 Mar 2011 14:23:23 -0500 (EST)"));
-    EXPECT_EQ(k2011, parseDate("7 Mar 11 14:23:23 GMT"));
-    EXPECT_EQ(k2011, parseDate(" (c) 7 (x(y)) Mar 2011 14:23:23"));  // no zone: +0000
-    EXPECT_EQ(k2011, parseDate("7 Mar 2011 14:23:23 Q"));            // military: -0000
-    EXPECT_EQ(915148800, parseDate("1 Jan 99 00:00 +0000"));
-    EXPECT_EQ(0, parseDate("7 Mar 2011"));
-    EXPECT_EQ(0, parseDate("yesterday"));
-}
-
 TEST_F(ZeMboxDateTest, FromLineDateWinsOverTheDateHeader) {
     const std::vector<Entry> e = scan(std::string(kFromA) +
                                       "Date: Tue, 8 Mar 2011 00:00:00 +0000\n\n\n"
@@ -226,11 +219,17 @@ TEST_F(ZeMboxDateTest, FromLineDateWinsOverTheDateHeader) {
     EXPECT_EQ(k2011, e[0].date);
     EXPECT_EQ(k2011, e[1].date);
     EXPECT_EQ(0, e[2].date);  // a Date line in the body is no header
+
+    // The Date parser itself is tested with the MIME support; this reader
+    // only refuses what comes before 1970.
+    EXPECT_EQ(k2011 + 5 * 3600, ZeMboxParser::parseDate("Mon, 7 Mar 2011 14:23:23 -0500 (EST)"));
+    EXPECT_EQ(0, ZeMboxParser::parseDate("31 Dec 1969 23:59:59 +0000"));
+    EXPECT_EQ(0, ZeMboxParser::parseDate("yesterday"));
 }
 
 // --- the mailbox on files ------------------------------------------------------
 
-class ZeMboxTest : public ::testing::Test {
+class ZeMboxTest : public InUtc {
 protected:
     std::string write(const std::string& content, const std::string& name = "mbox") {
         return dir.write(name, content);
@@ -275,7 +274,6 @@ TEST_F(ZeMboxTest, WalkGivesEnvelopesAndMessages) {
     ZeMbox box(path, false, false);
     EXPECT_EQ(1, box.open());
     EXPECT_EQ(2, box.total_messages());
-    EXPECT_EQ(MAILBOX_OPEN_DIRECT, box.open_method());
     box.reset();
     ASSERT_EQ(1, box.next());
     ZeMessageRef first = box.fetch();
@@ -291,8 +289,7 @@ TEST_F(ZeMboxTest, WalkGivesEnvelopesAndMessages) {
         bytes);
     EXPECT_EQ(bytes.size(), env->size());
     EXPECT_EQ(40u, first->uid());
-    EXPECT_EQ(",U40", first->basename());
-    EXPECT_EQ(env->date(), first->received());
+    EXPECT_EQ(k2011, first->received());
     EXPECT_EQ(env->status(), first->flags());
     EXPECT_STREQ("first", ZeMessageRef::headerValue(first, "Subject"));
     EXPECT_EQ(path, first.direct_message()->getFileName());
@@ -360,7 +357,7 @@ TEST_F(ZeMboxTest, OperationsThatWouldRewriteTheFileAreRefused) {
     EXPECT_EQ(std::string(kTwo), zetest::read_file(box.path()));
 }
 
-TEST_F(ZeMboxTest, OpenMissingFileOrCreateIt) {
+TEST_F(ZeMboxTest, OpenMissingFileCreateItOrOpenThroughTheFactory) {
     ZeMbox missing(dir.path() + "/none", true, false);
     EXPECT_EQ(1, missing.open());
     EXPECT_EQ(0, missing.total_messages());
@@ -371,7 +368,8 @@ TEST_F(ZeMboxTest, OpenMissingFileOrCreateIt) {
     ZeMbox made(dir.path() + "/new", false, true);
     EXPECT_EQ(1, made.open());
     EXPECT_EQ("", zetest::read_file(dir.path() + "/new"));
-    ZeMbox kept(write(kTwo, "kept"), false, true);  // an existing file is kept
+    const std::string kept_path = write(kTwo, "kept");
+    ZeMbox kept(kept_path, false, true);  // an existing file is kept
     EXPECT_EQ(2, kept.total_messages());
 
     ZeMbox blocked(dir.path() + "/no/such/dir", false, true);
@@ -384,15 +382,10 @@ TEST_F(ZeMboxTest, OpenMissingFileOrCreateIt) {
     ASSERT_EQ(0, ::mkfifo((dir.path() + "/fifo").c_str(), 0600));
     ZeMbox fifo(dir.path() + "/fifo", false, false);  // must not wait for a writer
     EXPECT_EQ(0, fifo.total_messages());
-}
 
-TEST_F(ZeMboxTest, FactoryOpensAnMboxFileByPath) {
-    const std::string path = write(kTwo);
-    ZeMailBoxRef box = ZeMailBoxRef::create(path, MAILBOX_OPEN_DIRECT);
-    ASSERT_FALSE(box.isNull());
-    EXPECT_NE(nullptr, dynamic_cast<ZeMbox*>(box.get()));
-    EXPECT_EQ(1, box->open());
-    EXPECT_EQ(2, box->total_messages());
+    ZeMailBoxRef byPath = ZeMailBoxRef::create(kept_path, MAILBOX_OPEN_DIRECT);
+    ASSERT_NE(nullptr, dynamic_cast<ZeMbox*>(byPath.get()));
+    EXPECT_EQ(2, byPath->total_messages());
 }
 
 TEST_F(ZeMboxTest, ResetReadsAGrownFileAndKeepsUids) {
@@ -472,15 +465,6 @@ TEST_F(ZeMboxTest, ScopeChecksEnvelopeThenMessageAndEndsTheWalk) {
 
 // --- sections and trees: the same as a Maildir file's --------------------------
 
-void dumpTree(const ZeImapMimeRef& node, std::ostream& out) {
-    out << "[" << node->section() << " " << node->media_type() << "/" << node->sub_type() << " "
-        << node->content_type().asString() << " " << node->size() << " " << node->lines() << " "
-        << node->disposition().asString() << "]";
-    for (const ZeImapMimeRef& child : node->children()) {
-        dumpTree(child, out);
-    }
-}
-
 void sections(const ZeImapMimeRef& node, std::vector<std::string>& out) {
     const std::string s = node->section();
     out.push_back(s);
@@ -559,14 +543,9 @@ TEST_F(ZeMboxTest, SectionsAndTreesEqualThoseOfTheMaildirCopy) {
         EXPECT_EQ(messages[i], fromMbox.media().readAll()) << key;
         ZeImapMimeRef tree = box.retrieve_mime(fromMbox);
         ZeImapMimeRef theirTree = maildir.retrieve_mime(fromMaildir);
-        ASSERT_EQ(theirTree.isNull(), tree.isNull()) << key;
+        EXPECT_EQ(zetest::describe_tree(theirTree), zetest::describe_tree(tree)) << key;
         std::vector<std::string> names = {"", "HEADER", "TEXT", "1", "9.9"};
         if (!tree.isNull()) {
-            std::ostringstream ours;
-            std::ostringstream theirs;
-            dumpTree(tree, ours);
-            dumpTree(theirTree, theirs);
-            EXPECT_EQ(theirs.str(), ours.str()) << key;
             sections(tree, names);
         }
         for (const std::string& section : names) {
