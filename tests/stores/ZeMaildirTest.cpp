@@ -514,20 +514,6 @@ std::map<std::string, std::string> snapshot(const std::string& top) {
     return files;
 }
 
-// A multipart nested n deep around one text part.
-std::string nested(int n) {
-    std::string text = "Subject: deep\nMIME-Version: 1.0\n";
-    for (int i = 0; i < n; ++i) {
-        text += "Content-Type: multipart/mixed; boundary=\"=" + std::to_string(i) +
-                "\"\n\n--=" + std::to_string(i) + "\n";
-    }
-    text += "Content-Type: text/plain\n\nleaf\n";
-    for (int i = n - 1; i >= 0; --i) {
-        text += "--=" + std::to_string(i) + "--\n";
-    }
-    return text;
-}
-
 // Hostile names and contents and a broken UID list: every message is still
 // walked and answers without a crash, and the Maildir is left byte for byte
 // as it was.
@@ -539,7 +525,7 @@ TEST_F(ZeMaildirTest, BadInputIsReadWithoutChangingAnything) {
     put("cur", "1700000002.M2.h,S=7:2,", std::string("\0\x01\xfe\xff\n\x7f", 6));
     put("cur", "1700000003.M3.h:2,S",
         "Content-Type: multipart/mixed; boundary=b\n\n--b\nContent-Type: text/pl");
-    put("cur", "1700000004.M4.h:2,", nested(10000));
+    put("cur", "1700000004.M4.h:2,", zetest::nested_multipart(10000));
     put("cur", "1700000005.M5.h:2,", "");
     // A truncated record, then a malformed one: the list forgets everything.
     dir.write(".dovecot-uidlist", "3 V1 N9\n1 :1700000001.M1.h\xe9st\n2 :1700000002.M2.h\n3");

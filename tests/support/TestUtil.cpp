@@ -133,4 +133,17 @@ std::string describe_tree(ZeImapMimeRef tree) {
     return out;
 }
 
+std::string nested_multipart(int depth) {
+    std::string text = "Subject: deep\n";
+    for (int i = 0; i < depth; ++i) {
+        text += "Content-Type: multipart/mixed; boundary=\"=_" + std::to_string(i) +
+                "_=\"\n\n--=_" + std::to_string(i) + "_=\n";
+    }
+    text += "Content-Type: text/plain\n\nleaf\n";
+    for (int i = depth - 1; i >= 0; --i) {
+        text += "--=_" + std::to_string(i) + "_=--\n";
+    }
+    return text;
+}
+
 }  // namespace zetest

@@ -35,6 +35,10 @@ std::vector<int> zombie_children();
 // The whole content of a file; throws when it cannot be read.
 std::string read_file(const std::string& path);
 
+// A message of multipart/mixed parts nested depth deep (boundaries "=_<level>_=")
+// around one text part, each closed in turn.
+std::string nested_multipart(int depth);
+
 // Every field of every node of a MIME tree, one line each, depth first, so
 // that two trees compare as texts ("" for a null tree).
 std::string describe_tree(ZeImapMimeRef tree);

@@ -45,20 +45,6 @@ std::string plain(std::uint64_t size, std::uint64_t lines) {
            std::to_string(size) + " " + std::to_string(lines) + " NIL NIL NIL NIL)";
 }
 
-// A multipart/mixed with boundary b nested n deep around one text part.
-std::string nestedMultipart(int n) {
-    std::string text = "Subject: deep\n";
-    for (int i = 0; i < n; ++i) {
-        text += "Content-Type: multipart/mixed; boundary=\"=_" + std::to_string(i) +
-                "_=\"\n\n--=_" + std::to_string(i) + "_=\n";
-    }
-    text += "Content-Type: text/plain\n\nleaf\n";
-    for (int i = n - 1; i >= 0; --i) {
-        text += "--=_" + std::to_string(i) + "_=--\n";
-    }
-    return text;
-}
-
 const char kMixed[] =
     "Subject: sections\n"
     "Content-Type: multipart/mixed; boundary=\"OUT\"\n"
@@ -190,7 +176,7 @@ TEST(MimePartFields, APlainAsciiMessageIsReportedWithTheDefaults) {
 // --- limits ---------------------------------------------------------------------------------
 
 TEST(MimePartLimits, DeepMultipartsStopAtTheNestingLimit) {
-    auto ok = parse(nestedMultipart(99));
+    auto ok = parse(zetest::nested_multipart(99));
     const MimePart* part = ok.get();
     while (!part->children().empty()) {
         part = part->children().front().get();
@@ -200,7 +186,7 @@ TEST(MimePartLimits, DeepMultipartsStopAtTheNestingLimit) {
 
     // The 100th multipart becomes an opaque application/octet-stream leaf
     // holding the rest of its enclosing part.
-    auto cut = parse(nestedMultipart(100));
+    auto cut = parse(zetest::nested_multipart(100));
     part = cut.get();
     while (!part->children().empty()) {
         part = part->children().front().get();
@@ -216,7 +202,7 @@ TEST(MimePartLimits, DeepMultipartsStopAtTheNestingLimit) {
 }
 
 TEST(MimePartLimits, TenThousandLevelsDoNotRecurseOrCrash) {
-    auto deep = parse(nestedMultipart(10000));
+    auto deep = parse(zetest::nested_multipart(10000));
     EXPECT_EQ(100u, deep->count());
     std::string rfc;
     for (int i = 0; i < 10000; ++i) {
