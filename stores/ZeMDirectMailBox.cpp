@@ -88,11 +88,16 @@ int ZeMDirectMailBox::foreach_sections(ZeMessageRef& message, ZeMessageSectionVi
     if (message.isNull() || visitor == nullptr) {
         return 0;
     }
-    ZeImapMimeRef tree = retrieve_mime(message);
+    // One read serves both the tree (unless the message has it already) and
+    // the parts' contents.
+    const ParsedMessage parsed(message);
+    if (message->mime().isNull() && parsed.root != nullptr) {
+        message->mime(toImapMime(*parsed.root));
+    }
+    ZeImapMimeRef tree(message->mime());
     if (tree.isNull()) {
         return 4;
     }
-    const ParsedMessage parsed(message);
     return ze_visit_sections(message, tree, *visitor, [&](const ZeImapMimeRef& node) {
         if (node->media_type() == Corvane::ContentType::MULTIPART) {
             return Corvane::MediaIn();
@@ -207,14 +212,12 @@ long ZeMFileMailBox::total_messages() {
 }
 
 int ZeMFileMailBox::next() {
-    const bool filtered = !m_scope_filter.isNull();
     ZeMessageRef message;
-    if (open() == 1 && !m_given && !(filtered && m_scope_filter->done())) {
+    if (open() == 1 && !m_given && !_scope_done()) {
         message = _message();
     }
     m_given = true;
-    if (message.isNull() || (filtered && (!m_scope_filter->match(*message->env()) ||
-                                          !m_scope_filter->match(*message)))) {
+    if (message.isNull() || !_scope_takes(*message->env()) || !_scope_takes(*message)) {
         m_current.release();
         return 0;
     }

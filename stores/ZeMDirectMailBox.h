@@ -67,6 +67,17 @@ public:
     virtual int append(const ZeMessageRef& message, statusOP op, ZeMessageFlags flags);
 
 protected:
+    // The scope and filters of a walk: done once a set scope says so; a
+    // candidate is taken when none is set or it matches (first its envelope,
+    // then the message built on it).
+    bool _scope_done() const { return !m_scope_filter.isNull() && m_scope_filter->done(); }
+    bool _scope_takes(ZeMessageEnv& envelope) {
+        return m_scope_filter.isNull() || m_scope_filter->match(envelope);
+    }
+    bool _scope_takes(ZeMessageBase& message) {
+        return m_scope_filter.isNull() || m_scope_filter->match(message);
+    }
+
     // The message a string key names, for the section and body answers; the
     // default is retrieve_message(key).
     virtual ZeMessageRef _message_by_key(const std::string& key) { return retrieve_message(key); }

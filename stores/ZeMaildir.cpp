@@ -241,8 +241,7 @@ int ZeMaildir::next() {
         if (hidden(entry->d_name)) {
             continue;
         }
-        const bool filtered = !m_scope_filter.isNull();
-        if (filtered && m_scope_filter->done()) {
+        if (_scope_done()) {
             break;
         }
         std::string name = entry->d_name;
@@ -250,11 +249,11 @@ int ZeMaildir::next() {
         m_walk_start = false;
         auto* made = new ZeMaildirMsgEnv(dir, std::move(name), uid);
         Corvane::Ref<ZeMessageEnv> env = Corvane::Ref<ZeMessageEnv>::adopt(made);
-        if (filtered && !m_scope_filter->match(*env)) {
+        if (!_scope_takes(*env)) {
             continue;
         }
         ZeMessageRef message(new ZeMaildirMsg(env, dir + made->name()));
-        if (filtered && !m_scope_filter->match(*message)) {
+        if (!_scope_takes(*message)) {
             continue;
         }
         m_current = message;

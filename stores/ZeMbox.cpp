@@ -318,18 +318,17 @@ int ZeMbox::next() {
         return 0;
     }
     while (m_cursor < m_index.size()) {
-        const bool filtered = !m_scope_filter.isNull();
-        if (filtered && m_scope_filter->done()) {
+        if (_scope_done()) {
             break;
         }
         const std::size_t index = m_cursor++;
         Corvane::Ref<ZeMessageEnv> env =
             Corvane::Ref<ZeMessageEnv>::adopt(new ZeMboxMsgEnv(m_file, m_index[index]));
-        if (filtered && !m_scope_filter->match(*env)) {
+        if (!_scope_takes(*env)) {
             continue;
         }
         ZeMessageRef message(new ZeMboxMsg(env, m_path));
-        if (filtered && !m_scope_filter->match(*message)) {
+        if (!_scope_takes(*message)) {
             continue;
         }
         m_current = message;
