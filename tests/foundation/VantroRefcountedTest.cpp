@@ -198,6 +198,39 @@ TEST(Handles, MoveTransfersWithoutCounting) {
     EXPECT_EQ(1, deleted);
 }
 
+// A list node owning the next one: walking with a = a->next drops the node
+// that holds the source while the assignment still reads it.
+struct Node : RefImpl {
+    Node(int* deleted, int value) : m_deleted(deleted), m_value(value) {}
+    ~Node() override {
+        ++*m_deleted;
+        m_value = -1;  // a read after this shows as a wrong value (and under ASan)
+    }
+    int* m_deleted;
+    int m_value;
+    Ref<Node> m_next;
+};
+
+TEST(Handles, AssignmentFromAMemberOfTheDroppedObjectIsSafe) {
+    for (const bool move : {false, true}) {
+        int deleted = 0;
+        Ref<Node> head = Ref<Node>::adopt(new Node(&deleted, 0));
+        head->m_next = Ref<Node>::adopt(new Node(&deleted, 1));
+        head->m_next->m_next = Ref<Node>::adopt(new Node(&deleted, 2));
+        std::vector<int> seen;
+        while (!head.isNull()) {
+            seen.push_back(head->m_value);
+            if (move) {
+                head = std::move(head->m_next);
+            } else {
+                head = head->m_next;
+            }
+        }
+        EXPECT_EQ((std::vector<int>{0, 1, 2}), seen) << (move ? "move" : "copy");
+        EXPECT_EQ(3, deleted) << (move ? "move" : "copy");
+    }
+}
+
 TEST(Handles, DerivedConvertsToBaseAndCastsBack) {
     int deleted = 0;
     int derived_deleted = 0;
