@@ -156,10 +156,16 @@ int ZeImapConnection::connect() {
         basepp::dbg::debug(kUnit, __LINE__, "connect", "%s", message.c_str());
         return m_program.is_open() ? 1 : 0;
     }
-    const std::string env = "HOME=" + m_username.homepath() + " USER=" + address +
-                            " MAIL=" + "maildir:" + m_username.mailpath();
-    basepp::dbg::debug(kUnit, __LINE__, "connect", "ENV:[%s]", env.c_str());
-    m_program.open(m_imap_cmd(), "", env);
+    // Each variable reaches the child as one string, whatever it holds: a
+    // name with blanks (a path user's) cannot set further variables.
+    const ZePipeProgram::Variables env = {
+        {"HOME", m_username.homepath()},
+        {"USER", address},
+        {"MAIL", "maildir:" + m_username.mailpath()},
+    };
+    basepp::dbg::debug(kUnit, __LINE__, "connect", "ENV:[HOME=%s USER=%s MAIL=%s]",
+                       env[0].second.c_str(), env[1].second.c_str(), env[2].second.c_str());
+    m_program.open(m_imap_cmd(), std::vector<std::string>(), env);
     return m_program.is_open() ? 1 : 0;
 }
 

@@ -299,6 +299,56 @@ ZePipeProgram::~ZePipeProgram() {
 }
 
 int ZePipeProgram::open(const std::string& path, const std::string& args, const std::string& env) {
+    std::list<std::string> arg_items;
+    string2list(arg_items, args, ' ', true);
+    std::list<std::string> env_items;
+    string2list(env_items, env, ' ', true);
+    Variables variables;
+    for (const std::string& item : env_items) {
+        const std::string::size_type equals = item.find('=');
+        if (equals != std::string::npos) {
+            variables.emplace_back(item.substr(0, equals), item.substr(equals + 1));
+        }
+    }
+    return open(path, std::vector<std::string>(arg_items.begin(), arg_items.end()), variables);
+}
+
+namespace {
+
+bool holds_nul(const std::string& text) {
+    return text.find('\0') != std::string::npos;
+}
+
+// What execv and setenv cannot take as it is: a NUL would cut the text, and
+// a name with '=' or no name at all would set another variable than asked.
+bool passable(const std::string& path, const std::vector<std::string>& args,
+              const ZePipeProgram::Variables& env) {
+    if (holds_nul(path)) {
+        return false;
+    }
+    for (const std::string& arg : args) {
+        if (holds_nul(arg)) {
+            return false;
+        }
+    }
+    for (const auto& variable : env) {
+        if (variable.first.empty() || variable.first.find('=') != std::string::npos ||
+            holds_nul(variable.first) || holds_nul(variable.second)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+int ZePipeProgram::open(const std::string& path, const std::vector<std::string>& args,
+                        const Variables& env) {
+    if (!passable(path, args, env)) {
+        basepp::dbg::debug(kUnit, __LINE__, "open", "refused: %s cannot be passed intact",
+                           path.c_str());
+        return -1;
+    }
     // Both pipes close on exec: only the child's standard input and output
     // (made by dup2, which clears the flag) reach the program, and no later
     // child of the caller inherits our ends and keeps the server's input open.
@@ -317,27 +367,16 @@ int ZePipeProgram::open(const std::string& path, const std::string& args, const 
 
     // Everything the child needs is built before fork: between fork and exec
     // the child only moves descriptors, sets variables and execs.
-    std::list<std::string> arg_items;
-    string2list(arg_items, args, ' ', true);
     const std::string::size_type slash = path.rfind('/');
     std::vector<std::string> argv_text;
     argv_text.push_back(slash == std::string::npos ? path : path.substr(slash + 1));
-    argv_text.insert(argv_text.end(), arg_items.begin(), arg_items.end());
+    argv_text.insert(argv_text.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (std::string& item : argv_text) {
         argv.push_back(&item[0]);
     }
     argv.push_back(nullptr);
-
-    std::list<std::string> env_items;
-    string2list(env_items, env, ' ', true);
-    std::vector<std::pair<std::string, std::string>> variables;
-    for (const std::string& item : env_items) {
-        const std::string::size_type equals = item.find('=');
-        if (equals != std::string::npos) {
-            variables.emplace_back(item.substr(0, equals), item.substr(equals + 1));
-        }
-    }
+    const Variables& variables = env;
 
     pid_t pid = fork();
     if (pid == 0) {

@@ -5,6 +5,8 @@
 
 #include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Corvane {
 class Buffer;
@@ -119,8 +121,17 @@ public:
     // "NAME=value" item of the blank-separated env in the child's environment
     // (split at the first '='; items without '=' are ignored). Returns 0 in
     // the parent, -1 when a pipe cannot be made ("write pipe"/"read pipe" on
-    // standard error).
+    // standard error). Text with blanks of its own cannot go through this
+    // form: use the one below.
     int open(const std::string& path, const std::string& args, const std::string& env);
+
+    // The same with every argument and every variable as a string of its
+    // own, passed to the child as it is: a value may hold blanks, '=' and
+    // anything else but NUL. Returns -1, starting nothing, when a text holds
+    // a NUL or a variable name is empty or holds '=' (it could not reach the
+    // child intact).
+    using Variables = std::vector<std::pair<std::string, std::string>>;
+    int open(const std::string& path, const std::vector<std::string>& args, const Variables& env);
 
     // Closes the pipes (draining unread input into the log) and reaps the
     // child, which ends on the end of its input. Returns 0.

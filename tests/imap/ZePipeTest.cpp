@@ -14,7 +14,10 @@
 #include <string>
 #include <vector>
 
+#include "imap/ZeImapClient.h"
 #include "support/Buffer.h"
+#include "support/MailUserId.h"
+#include "support/Paths.h"
 #include "support/Debug.h"
 #include "support/TestUtil.h"
 
@@ -32,10 +35,12 @@ const int kChildRole = [] {
     for (char& c : args) {
         c = c == '\0' ? '|' : c;
     }
-    const char* value = std::getenv("VALUE");
-    const char* noeq = std::getenv("NOEQ");
-    std::printf("%s VALUE=%s NOEQ=%s\n", args.c_str(), value ? value : "(unset)",
-                noeq ? noeq : "(unset)");
+    auto show = [](const char* name) {
+        const char* value = std::getenv(name);
+        return std::string(" ") + name + "=" + (value ? value : "(unset)");
+    };
+    std::printf("%s%s%s\n", args.c_str(), (show("VALUE") + show("NOEQ")).c_str(),
+                std::getenv("USER") != nullptr ? (show("USER") + show("ZZINJECT")).c_str() : "");
     std::fflush(stdout);
     _exit(0);
 }();
@@ -76,6 +81,38 @@ TEST_F(PipeTest, ChildGetsBaseNameArgsAndEnvironmentSplitAtFirstEquals) {
     EXPECT_EQ(name + "|one|two|three| VALUE=a=b=c NOEQ=(unset)", line());
     EXPECT_EQ(0, m_program.close());
     EXPECT_TRUE(zetest::zombie_children().empty());
+}
+
+// Each variable is one string end to end: a user whose name holds blanks (a
+// path user's) cannot set variables of its own in the server's environment.
+TEST_F(PipeTest, EnvironmentInjectionThroughABlankInTheUserName) {
+    ASSERT_EQ(0, m_program.open(self_path(), std::vector<std::string>{"a b"},
+                                {{"ZEPIPE_CHILD", "argv"}, {"USER", "/tmp/x ZZINJECT=yes"}}));
+    const std::string name = self_path().substr(self_path().rfind('/') + 1);
+    EXPECT_EQ(name + "|a b| VALUE=(unset) NOEQ=(unset) USER=/tmp/x ZZINJECT=yes ZZINJECT=(unset)",
+              line());
+    m_program.close();
+    // Texts that could not reach the child intact start nothing.
+    for (const ZePipeProgram::Variables& bad :
+         {ZePipeProgram::Variables{{"A=B", "c"}}, ZePipeProgram::Variables{{"", "c"}},
+          ZePipeProgram::Variables{{"A", std::string("c\0d", 3)}}}) {
+        EXPECT_EQ(-1, m_program.open(self_path(), std::vector<std::string>(), bad));
+        EXPECT_FALSE(m_program.is_open());
+    }
+
+    // The connection starts the server for such a user with the name whole.
+    setenv("ZEPIPE_CHILD", "argv", 1);
+    const std::string saved_program = zemail::paths::imap_program();
+    zemail::paths::set_imap_program(self_path());
+    ZeImapConnection* connection = ZeImapConnection::instance();
+    ZePipeIO& io = connection->get_io(ZeMailUserId(MAILBOX_TYPE_PATH, "/tmp/x ZZINJECT=yes"));
+    Corvane::Buffer answer;
+    io.readline(answer);
+    connection->close();
+    zemail::paths::set_imap_program(saved_program);
+    unsetenv("ZEPIPE_CHILD");
+    EXPECT_NE(std::string::npos, answer.str().find(" USER=/tmp/x ZZINJECT=yes ZZINJECT=(unset)"))
+        << answer.str();
 }
 
 TEST_F(PipeTest, OpenSetsDescriptorsNonBlockingReadAndDefaultTimeout) {
