@@ -1,6 +1,5 @@
 #include "imap/ZeImapRequest.h"
 
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -190,15 +189,16 @@ int ZeImapRequest::pre_parse(TokenIterator& token) {
     if (!token || token.token()[0] == '\0') {
         return kTaggedBad;
     }
+    // The status word is read by its first letters as written: a server
+    // that answers "ok" or "bye" in lower case is not understood.
     const char* status = token.token();
-    switch (std::toupper(static_cast<unsigned char>(status[0]))) {
+    switch (status[0]) {
         case 'N':
             return kTaggedNo;
         case 'O':
             return kTaggedOk;
         case 'B':
-            return std::toupper(static_cast<unsigned char>(status[1])) == 'Y' ? kTaggedBye
-                                                                              : kTaggedBad;
+            return status[1] == 'Y' ? kTaggedBye : kTaggedBad;
         default:
             return kTaggedBad;
     }

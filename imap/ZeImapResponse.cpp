@@ -209,9 +209,11 @@ int ZeImapResponseList::parse() {
     }
     token.next();
     m_attributes = token.strip().asString();
+    // The delimiter is the first character of the stripped token, so a NIL
+    // delimiter (a flat hierarchy) reads as 'N'.
     token.next();
-    if (token && !is_word(token, "NIL")) {
-        const std::string delimiter = unquote(token.token());
+    if (token) {
+        const std::string delimiter = token.strip().asString();
         if (!delimiter.empty()) {
             m_delimiter = delimiter[0];
         }

@@ -127,11 +127,17 @@ TEST_F(Exchange, BadAndUnknownStatusWordsGiveTwo) {
         "  'NOOP 1') printf '%s BAD Error in IMAP command\\r\\n' \"$tag\" ;;\n"
         "  'NOOP 2') printf '%s WHATEVER\\r\\n' \"$tag\" ;;\n"
         "  'NOOP 3') printf '%s\\r\\n' \"$tag\" ;;\n"
+        "  'NOOP 4') printf '%s ok done\\r\\n' \"$tag\" ;;\n"
+        "  'NOOP 5') printf '%s no way\\r\\n' \"$tag\" ;;\n"
+        "  'NOOP 6') printf '%s bye now\\r\\n' \"$tag\" ;;\n"
         "  *) printf '%s OK\\r\\n' \"$tag\" ;;\nesac");
     ZeImapRequest request(io);
-    EXPECT_EQ(2, request.request(ImapRequestNoop, "1"));
-    EXPECT_EQ(2, request.request(ImapRequestNoop, "2"));
-    EXPECT_EQ(2, request.request(ImapRequestNoop, "3"));
+    const int child = pid();
+    // Status words are read as written: lower case is not understood.
+    for (const char* which : {"1", "2", "3", "4", "5", "6"}) {
+        EXPECT_EQ(2, request.request(ImapRequestNoop, which)) << which;
+    }
+    EXPECT_EQ(child, pid());  // "bye" did not reconnect
     EXPECT_FALSE(request.has_error());
 }
 

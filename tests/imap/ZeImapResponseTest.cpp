@@ -70,7 +70,7 @@ TEST(ResponseParsers, ListNamesInboxAndKeepsOtherNames) {
         {"* LIST () \"/\" \"Sent Items\"", "", '/', "Sent Items"},
         {"* LIST (\\Noselect) \"/\" \"a \\\"quoted\\\" \\\\ name\"", "\\Noselect", '/',
          "a \"quoted\" \\ name"},
-        {"* LIST () NIL Flat", "", 0, "Flat"},
+        {"* LIST () NIL Flat", "", 'N', "Flat"},  // first character of the token
         {"* LIST () \"/\" {6}\r\nCaf\xc3\xa9!", "", '/', "Caf\xc3\xa9!"},
     };
     for (const Case& c : cases) {
