@@ -148,15 +148,8 @@ int ZeImapProcessList::process(const ZeImapResponseList& response) {
         return 0;
     }
     // A name the model refuses gives a null folder, which add_folder ignores.
-    const std::string& name = response.name();
-    ZeMFolderRef folder = ZeMFolderRef::create(m_user->id(), name, 0);
-    if (!folder.isNull()) {
-        const std::string::size_type slash = name.rfind('/');
-        if (slash != std::string::npos) {
-            folder->parent(name.substr(0, slash));
-        }
-    }
-    m_user->add_folder(folder);
+    // The folder's parent stays empty: the hierarchy is in the names.
+    m_user->add_folder(ZeMFolderRef::create(m_user->id(), response.name(), 0));
     return 0;
 }
 

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <functional>
 #include <sstream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -221,8 +222,21 @@ void count_on_disk(const Session& s, const std::string& name, long& messages, lo
     }
 }
 
+// The folder a name sits in ("" at the top): the hierarchy is drawn from the
+// names, whichever store listed them.
+std::string parent_of(const std::string& name) {
+    const std::string::size_type slash = name.rfind('/');
+    return slash == std::string::npos ? std::string() : name.substr(0, slash);
+}
+
 int cmd_folders(const Session& s, std::ostream& out) {
     s.user->init_folders();
+    std::map<std::string, int> subfolders;
+    for (const ZeMFolderRef& folder : s.user->folders()) {
+        if (!folder.isNull() && !parent_of(folder->name()).empty()) {
+            ++subfolders[parent_of(folder->name())];
+        }
+    }
     Json list = Json::array();
     Table table({"Folder", "Messages", "Unseen", "Recent", "KiB", "Subfolders"},
                 {false, true, true, true, true, true});
@@ -248,18 +262,19 @@ int cmd_folders(const Session& s, std::ostream& out) {
         const int depth =
             static_cast<int>(std::count(folder->name().begin(), folder->name().end(), '/'));
         const std::string leaf = folder->name().substr(folder->name().rfind('/') + 1);
+        const int children = subfolders[folder->name()];
         table.add({std::string(2 * depth, ' ') + leaf, std::to_string(messages),
                    std::to_string(unseen), std::to_string(recent), std::to_string(kib),
-                   std::to_string(folder->children())});
+                   std::to_string(children)});
         list.push(Json::object()
                       .set("name", folder->name())
-                      .set("parent", folder->parent())
+                      .set("parent", parent_of(folder->name()))
                       .set("messages", messages)
                       .set("unseen", unseen)
                       .set("recent", recent)
                       .set("uidnext", folder->uidnext())
                       .set("kib", kib)
-                      .set("children", folder->children()));
+                      .set("children", children));
     }
     if (s.json) {
         out << Json::object().set("user", s.address).set("folders", list).dump() << "\n";
