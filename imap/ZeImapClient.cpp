@@ -226,7 +226,7 @@ int ZeImapFeeder::_receive(Corvane::Buffer& b, int max, char delimiter) {
     return got;
 }
 
-long ZeImapFeeder::readliteral_all(Corvane::Buffer& b, long n) {
+long ZeImapFeeder::readliteral_all(Corvane::Buffer& b, long n, long keep) {
     long total = 0;
     Corvane::Buffer piece;
     while (total < n) {
@@ -235,7 +235,10 @@ long ZeImapFeeder::readliteral_all(Corvane::Buffer& b, long n) {
         if (got < 1) {
             break;
         }
-        b.append(piece.data(), static_cast<std::size_t>(got));
+        if (total < keep) {
+            const long take = std::min<long>(got, keep - total);
+            b.append(piece.data(), static_cast<std::size_t>(take));
+        }
         total += got;
     }
     return total;

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <climits>
 #include <map>
 #include <ostream>
 #include <string>
@@ -147,9 +148,11 @@ public:
     // One read of up to n bytes, no delimiter, into b (replacing its content):
     // the count placed, or the failed wait's result (0 or -1) unchanged.
     int readliteral(Corvane::Buffer& b, int n);
-    // Reads exactly n bytes into b (appending), looping over readliteral;
-    // stops early only at end of input or time-out. Returns the bytes read.
-    long readliteral_all(Corvane::Buffer& b, long n);
+    // Reads exactly n bytes, looping over readliteral, and appends the first
+    // keep of them to b; the rest is read and dropped, so that a literal
+    // larger than its reader wants still leaves the stream in step. Stops
+    // early only at end of input or time-out. Returns the bytes read.
+    long readliteral_all(Corvane::Buffer& b, long n, long keep = LONG_MAX);
 
     ssize_t write(const Corvane::Buffer& b) { return m_io.write(b); }
     int timeout() const { return m_io.timeout(); }

@@ -86,7 +86,9 @@ int ZeImapProcessAppend::process(const ZeImapResponseAppend& response) {
     }
     m_done = true;
     ZeImapFeeder& feeder = response.feeder();
-    if (std::FILE* file = std::fopen(m_path.c_str(), "rb")) {
+    if (m_in_memory) {
+        feeder.write(m_bytes);
+    } else if (std::FILE* file = std::fopen(m_path.c_str(), "rb")) {
         Corvane::Buffer piece;
         piece.reserve(1024);
         std::size_t got;
@@ -171,9 +173,12 @@ const ZeMessageRef& ZeImapFetchHeaders::message() const {
 }
 
 int ZeImapFetchHeaders::process(const ZeImapResponseUIDFetch& response) {
-    // An answer still open here was cut short (the server went away in the
-    // middle of it): what it holds cannot be trusted to be whole.
-    if (response.in_fetch()) {
+    // An answer that is merely in progress (a header literal announced as a
+    // body literal, RFC822.HEADER or BODY[HEADER], and left unread) makes a
+    // message with empty headers. One the server did not finish (it went
+    // away in the middle of it, or its item list stops without a literal to
+    // go on with) is dropped: a message from it could carry half its data.
+    if (response.cut_short() || (response.in_fetch() && response.data().literal_size < 0)) {
         return 0;
     }
     const ZeImapResponseUIDFetch::data_t& record = response.data();

@@ -7,6 +7,7 @@
 
 #include "imap/ZeImapMimeFwd.h"
 #include "include2/VantroRefcounted"
+#include "support/Buffer.h"
 #include "support/mime/ContentEncoding.h"
 
 class ZeImapResponseList;
@@ -92,13 +93,17 @@ public:
     int process(const ZeImapResponseGetQuota&) override { return 0; }
 };
 
-// Sends the message file of an APPEND when the server asks for the literal
-// ("+"): the file in 1024-byte pieces, then the "\r\n" that ends the command
-// line. The caller announced the file's size in the command's arguments.
-// Later continuation lines of the same APPEND send nothing.
+// Sends the message of an APPEND when the server asks for the literal ("+"):
+// the file in 1024-byte pieces (or the bytes given), then the "\r\n" that
+// ends the command line. The caller announced the size in the command's
+// arguments, so the file must not change meanwhile: the IMAP mailbox hands
+// over a private copy or the bytes themselves. Later continuation lines of
+// the same APPEND send nothing.
 class ZeImapProcessAppend : public ZeImapProcessor {
 public:
     explicit ZeImapProcessAppend(std::string path) : m_path(std::move(path)) {}
+    explicit ZeImapProcessAppend(Corvane::Buffer bytes)
+        : m_bytes(std::move(bytes)), m_in_memory(true) {}
     using ZeImapProcessor::process;
     int process(const ZeImapResponseAppend& response) override;
     bool done() const { return m_done; }
@@ -106,6 +111,8 @@ public:
 private:
     bool m_done = false;
     std::string m_path;
+    Corvane::Buffer m_bytes;
+    bool m_in_memory = false;
 };
 
 // Turns a fetched body section into content: the section's MIME headers (when

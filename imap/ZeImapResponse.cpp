@@ -84,9 +84,9 @@ std::string astring(TokenIterator& token, ZeImapFeeder& feeder) {
         return unquote(token.token());
     }
     const long size =
-        static_cast<long>(std::min<unsigned long>(to_unsigned(token.token()), 1u << 20));
+        static_cast<long>(std::min<unsigned long>(to_unsigned(token.token()), LONG_MAX));
     Corvane::Buffer bytes;
-    feeder.readliteral_all(bytes, size);
+    feeder.readliteral_all(bytes, size, 1L << 20);
     feeder.nextline();
     return bytes.str();
 }
@@ -374,6 +374,7 @@ int ZeImapResponseUIDFetch::parse() {
     std::swap(m_data, m_previous);
     _reset();
     m_unread = 0;
+    m_cut_short = false;
 
     TokenIterator& token = m_feeder.token();
     m_data.seq =
@@ -459,7 +460,8 @@ void ZeImapResponseUIDFetch::_parse(TokenIterator& group) {
             return;
         }
         if (m_feeder.nextline() < 1 && m_feeder.curline().length() == 0) {
-            return;  // input ended inside the answer
+            m_cut_short = true;  // input ended inside the answer
+            return;
         }
         const Corvane::Buffer& line = m_feeder.curline();
         const long at = closing_paren(line);
@@ -482,8 +484,11 @@ bool ZeImapResponseUIDFetch::_walk(TokenIterator& items, bool closes) {
                 (starts_with(previous, "BODY[") && ends_with(previous, ".MIME]"))) {
                 Corvane::Buffer& into = previous == "]" ? m_data.headers : m_data.mime_headers;
                 into.clear();
-                into.reserve(static_cast<std::size_t>(std::min<long>(size, 1 << 20)) + 1);
-                m_feeder.readliteral_all(into, size);
+                const long keep = std::min(size, kMaxHeaderLiteral);
+                into.reserve(static_cast<std::size_t>(keep) + 1);
+                if (m_feeder.readliteral_all(into, size, keep) < size) {
+                    m_cut_short = true;
+                }
                 return false;  // the answer goes on on the next line
             }
             m_data.literal_size = size;
@@ -504,8 +509,8 @@ bool ZeImapResponseUIDFetch::_walk(TokenIterator& items, bool closes) {
 
 void ZeImapResponseUIDFetch::_skip_unread_literal() {
     if (m_unread > 0) {
-        Corvane::Buffer scratch;
-        m_feeder.readliteral_all(scratch, m_unread);
+        Corvane::Buffer nothing;
+        m_feeder.readliteral_all(nothing, m_unread, 0);
         m_unread = 0;
     }
 }

@@ -164,6 +164,12 @@ public:
 // answer that carried a UID stays current.
 class ZeImapResponseUIDFetch : public ZeImapResponse {
 public:
+    // The most of a header literal (a header fetch, or a section's MIME
+    // header) kept in the record; the rest is read and dropped. Far above
+    // any header block a display needs, and it keeps a hostile or broken
+    // server from making us buffer a message-sized header.
+    static constexpr long kMaxHeaderLiteral = 1L << 20;
+
     struct data_t {
         std::uint32_t seq = 0;
         unsigned long uid = 0;
@@ -196,7 +202,12 @@ public:
 
     const data_t& data() const { return m_data; }
     void data(const data_t& saved) { m_data = saved; }
+    // True while the answer goes on after the line read last (a body
+    // literal left for the caller, or the rest of the item list).
     bool in_fetch() const { return m_in_fetch; }
+    // True when the input ended, or a literal came short, inside the answer:
+    // the server went away in the middle of it and the record is partial.
+    bool cut_short() const { return m_cut_short; }
 
 private:
     void _reset();
@@ -212,6 +223,7 @@ private:
     data_t m_data;
     data_t m_previous;  // the record before m_data, or storage for the next one
     bool m_in_fetch = false;
+    bool m_cut_short = false;
     mutable long m_unread = 0;  // bytes of a body literal nobody has read yet
 };
 

@@ -1,5 +1,6 @@
 #include "stores/ZeMailImap.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <streambuf>
 #include <vector>
 
@@ -187,6 +189,82 @@ protected:
 
 private:
     Corvane::MediaOut& m_out;
+};
+
+// The bytes of a message to append, taken before the server is told their
+// number: the literal announced is then exactly what is sent, whatever
+// happens to the file meanwhile (a file that shrank or went would leave the
+// server waiting for the rest and the stream out of step). Up to
+// kInMemory bytes are kept in memory, larger messages in a private file in
+// the spool's tmp folder ("mbox_append_...").
+class AppendSnapshot {
+public:
+    static constexpr std::size_t kInMemory = 1u << 20;
+
+    // False when the file cannot be opened or is not a regular file, or
+    // when a large one cannot be copied.
+    bool take(const std::string& path) {
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+            return false;
+        }
+        struct stat st;
+        const bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && _copy(fd);
+        ::close(fd);
+        return ok;
+    }
+    long long size() const { return m_size; }
+    ZeImapProcessorRef processor() const {
+        return m_copy ? ZeImapProcessorRef::make<ZeImapProcessAppend>(m_copy->path())
+                      : ZeImapProcessorRef::make<ZeImapProcessAppend>(m_bytes);
+    }
+
+private:
+    bool _copy(int fd) {
+        char chunk[64 * 1024];
+        while (true) {
+            const ssize_t got = ::read(fd, chunk, sizeof chunk);
+            if (got < 0 && errno == EINTR) {
+                continue;
+            }
+            if (got < 0) {
+                return false;
+            }
+            if (got == 0) {
+                return !m_copy || _flush();
+            }
+            m_size += got;
+            m_bytes.append(chunk, static_cast<std::size_t>(got));
+            if (m_bytes.length() > kInMemory && !_flush()) {
+                return false;
+            }
+        }
+    }
+    // Moves what is held in memory to the private file (made on first use).
+    bool _flush() {
+        if (!m_copy) {
+            m_copy.reset(new Corvane::TempFile(std::string(), "mbox_append_"));
+        }
+        const char* at = m_bytes.data();
+        std::size_t left = m_bytes.length();
+        while (left > 0 && m_copy->fd() >= 0) {
+            const ssize_t put = ::write(m_copy->fd(), at, left);
+            if (put < 0 && errno == EINTR) {
+                continue;
+            }
+            if (put <= 0) {
+                return false;
+            }
+            at += put;
+            left -= static_cast<std::size_t>(put);
+        }
+        m_bytes.clear();
+        return left == 0;
+    }
+
+    Corvane::Buffer m_bytes;
+    std::unique_ptr<Corvane::TempFile> m_copy;
+    long long m_size = 0;
 };
 
 }  // namespace
@@ -808,8 +886,8 @@ unsigned long ZeMailBoxImap::_last_uid() {
 
 int ZeMailBoxImap::append(const std::string& file, const ZeMessageFlags& flags) {
     m_last_append_uid = 0;
-    struct stat st;
-    if (::stat(file.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    AppendSnapshot message;
+    if (!message.take(file)) {
         basepp::dbg::debug(kUnit, kLineAppendFile, "append", "%s is not valid or not accessible",
                            file.c_str());
         return 0;
@@ -824,9 +902,9 @@ int ZeMailBoxImap::append(const std::string& file, const ZeMessageFlags& flags) 
     if (!names.empty()) {
         args += " (" + names + ")";
     }
-    args += " {" + std::to_string(static_cast<long long>(st.st_size)) + "}";
+    args += " {" + std::to_string(message.size()) + "}";
     ZeImapCommand command(ZeImapCommand::APPEND);
-    command.set_processor(ZeImapProcessorRef::make<ZeImapProcessAppend>(file));
+    command.set_processor(message.processor());
     if (m_request.request(command, args) != 0) {
         return 4;
     }

@@ -247,6 +247,29 @@ TEST(UidFetchResponse, HeaderAndMimeLiteralsAreReadAndTheAnswerGoesOn) {
     EXPECT_EQ(22u, fetch.data().uid);
 }
 
+// A header block larger than any display needs is kept up to the cap; the
+// rest is read past, and the answer and the next one still parse.
+TEST(UidFetchResponse, HeaderLiteralsAreCappedAndTheRestIsReadPast) {
+    const long cap = ZeImapResponseUIDFetch::kMaxHeaderLiteral;
+    for (const char* item : {"BODY[HEADER.FIELDS (TO)]", "BODY[2.MIME]"}) {
+        const std::string block = "To: a@b\r\n" + std::string(static_cast<std::size_t>(cap), 'x');
+        Wire wire("* 1 FETCH (UID 9 " + std::string(item) + " {" + std::to_string(block.size()) +
+                  "}\r\n" + block + " FLAGS (\\Seen))\r\n* 2 FETCH (UID 10)\r\n");
+        ZeImapResponseUIDFetch fetch(wire.feeder());
+        ASSERT_TRUE(wire.line());
+        EXPECT_EQ(1, fetch.parse());
+        const Corvane::Buffer& kept =
+            item[5] == 'H' ? fetch.data().headers : fetch.data().mime_headers;
+        EXPECT_EQ(block.substr(0, static_cast<std::size_t>(cap)), kept.str()) << item;
+        EXPECT_EQ("\\Seen", fetch.data().flags) << item;
+        EXPECT_FALSE(fetch.in_fetch());
+        EXPECT_FALSE(fetch.cut_short());
+        ASSERT_TRUE(wire.line());
+        EXPECT_EQ(1, fetch.parse());
+        EXPECT_EQ(10u, fetch.data().uid);
+    }
+}
+
 TEST(UidFetchResponse, ClosingParenGluedToAValueEndsTheAnswer) {
     Wire wire("* 4 FETCH (BODY[HEADER.FIELDS (TO)] {3}\r\nabc UID 5)\r\n* 5 FETCH (UID 6)\r\n");
     ZeImapResponseUIDFetch fetch(wire.feeder());

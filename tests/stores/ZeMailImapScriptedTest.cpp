@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -133,6 +135,30 @@ TEST_F(Scripted, AppendTakesTheAppendUidOrElseTheFoldersHighestUid) {
     EXPECT_EQ("[OVERQUOTA] Quota exceeded", full->last_error());
 }
 
+// The message is taken before its size is announced: a file that shrinks or
+// goes before the server asks for it must not leave the server waiting for
+// bytes that never come.
+TEST_F(Scripted, AppendOfAFileThatChangesAfterItsSizeWasAnnounced) {
+    serve();
+    const std::string message = "Subject: hi\n\n" + std::string(3u << 20, 'x') + "\n";
+    for (const char* change : {"rm -f", ": >"}) {
+        for (const std::size_t size : {std::size_t(20), message.size()}) {  // memory, spool copy
+            const std::string file = m_root.write("m.eml", message.substr(0, size));
+            m_server.before_literal(std::string(change) + " '" + file + "'");
+            ZeMailBoxRef inbox = box();
+            EXPECT_EQ(0, inbox->append(file, ZeMessageFlags())) << change;
+            EXPECT_EQ(message.substr(0, size), m_server.literals()) << change << size;
+            EXPECT_TRUE(has(m_server.untagged_commands(),
+                            "APPEND \"Inbox\" {" + std::to_string(size) + "}"));
+            EXPECT_NO_THROW(imap(inbox).select_folder());  // the stream is in step
+            std::remove((m_server.dir() + "/commands.log.literal").c_str());
+            ZeImapConnection::instance()->close();
+        }
+    }
+    // No copy is left in the spool.
+    EXPECT_TRUE(std::filesystem::is_empty(m_root.path() + "/tmp"));
+}
+
 // ------------------------------------------------------------ wire texts
 
 TEST_F(Scripted, OpenSendsTheSearchPagesAndOneFetchOfTheUidSet) {
@@ -202,6 +228,27 @@ TEST_F(Scripted, MessageOperationsSendTheirCommandsAfterSelecting) {
     long end = 100;
     raw._get_undeleted_uid_list(uids, &start, &end);
     EXPECT_EQ((Lines{"UID SEARCH 75:100 UNDELETED"}), since(mark));
+}
+
+// Header literals announced as items the fetch does not read in place
+// (RFC822.HEADER, BODY[HEADER]) leave the answer in progress: the message is
+// made with empty headers, and the literal is skipped.
+TEST_F(Scripted, AHeaderAnswerLeftInProgressMakesAMessageWithEmptyHeaders) {
+    for (const char* item : {"RFC822.HEADER", "BODY[HEADER]"}) {
+        m_server.on("UID FETCH 5 *",
+                    {"* 1 FETCH (UID 5 FLAGS (\\Seen) " + std::string(item) + " {13}", "Subject: x",
+                     ")", "$tag OK done"},
+                    true);
+        serve();
+        ZeMailBoxRef inbox = box();
+        ZeMessageRef message = inbox->retrieve_message(5UL);
+        ASSERT_FALSE(message.isNull()) << item;
+        EXPECT_EQ(5u, message->uid());
+        EXPECT_TRUE(message->flags().test(ZeMessageFlags::SEEN));
+        EXPECT_EQ("", message->headers().get("Subject")) << item;
+        EXPECT_NO_THROW(imap(inbox).select_folder());  // the answer was read to its end
+        ZeImapConnection::instance()->close();
+    }
 }
 
 TEST_F(Scripted, TotalMessagesSubtractsTheDeletedAndNeverGoesBelowZero) {

@@ -80,8 +80,10 @@ void ScriptedImapServer::_write() {
       << "  case \"$cmd\" in\n"
       << "    APPEND*\\{*\\})\n"
       << "      n=${cmd##*\\{}; n=${n%\\}}\n"
+      << "      " << (m_before_literal.empty() ? ":" : m_before_literal) << "\n"
       << "      printf '+ go\\r\\n'\n"
-      << "      dd bs=1 count=\"$n\" 2>/dev/null >> \"$log.literal\"\n"
+      << "      [ \"$n\" -gt 0 ] && dd bs=\"$n\" count=1 iflag=fullblock 2>/dev/null >> "
+         "\"$log.literal\"\n"
       << "      IFS= read -r rest\n"
       << "      ;;\n"
       << "  esac\n"
@@ -113,6 +115,11 @@ void ScriptedImapServer::_write() {
     // one replaces the file instead of being written into it.
     const std::string fresh = m_dir.write("imap.new", s.str(), true);
     std::rename(fresh.c_str(), m_program.c_str());
+}
+
+void ScriptedImapServer::before_literal(const std::string& shell) {
+    m_before_literal = shell;
+    _write();
 }
 
 std::vector<std::string> ScriptedImapServer::commands() const {

@@ -36,6 +36,10 @@ public:
     // Adds a rule (after the earlier ones) and rewrites the script.
     void on(const std::string& pattern, const std::vector<std::string>& reply, bool once = false);
 
+    // A shell command run when an APPEND announces its literal, before the
+    // server asks for it (e.g. to change the message file meanwhile).
+    void before_literal(const std::string& shell);
+
     // The program to start (the script).
     const std::string& program() const { return m_program; }
     // Every command line received so far, tags included.
@@ -58,6 +62,7 @@ private:
     std::string m_program;
     std::string m_log;
     std::vector<Rule> m_rules;
+    std::string m_before_literal;
 };
 
 }  // namespace zetest
