@@ -80,6 +80,34 @@ int ZeImapRequest::operator<<(REQUEST_CMD marker) {
 int ZeImapRequest::request(const ZeImapCommand& cmd, const std::string& args) {
     m_last_error.clear();
     m_command = cmd;
+    m_answered = false;
+    // A LOGOUT needs no answer: the child goes right after it.
+    if (m_feeder.io().out_of_step() && m_command.command() != ZeImapCommand::LOGOUT) {
+        _get_in_step();
+    }
+    // Out of step until the tagged answer is read; a reconnect on the way
+    // (BYE, a failed read) starts a child that is in step from the start.
+    m_feeder.io().out_of_step(true);
+    return _exchange(args);
+}
+
+void ZeImapRequest::_answered() {
+    m_answered = true;
+    m_feeder.io().out_of_step(false);
+}
+
+void ZeImapRequest::_get_in_step() {
+    ZeImapConnection* connection = ZeImapConnection::instance();
+    if (&connection->program().io() == &m_feeder.io() && connection->program().is_open()) {
+        _log(__LINE__, "request", {":an earlier answer is still unread, reconnecting imap"});
+        connection->reconnect();
+    } else {
+        m_feeder.io().trace_residual_data(true);
+    }
+    m_feeder.io().out_of_step(false);
+}
+
+int ZeImapRequest::_exchange(const std::string& args) {
     m_tag.next();
     m_feeder.resume();
 
@@ -142,12 +170,16 @@ int ZeImapRequest::process() {
                 process_continue();
                 break;
             case kTaggedOk:
+                _answered();
                 return process_OK();
             case kTaggedNo:
+                _answered();
                 return process_NO();
             case kTaggedBad:
+                _answered();
                 return process_BAD();
             case kTaggedBye:
+                _answered();
                 return process_BYE();
             case kForeignTag:
                 return 4;

@@ -26,6 +26,13 @@ enum REQUEST_CMD { REQUEST_SEND = 0 };
 //
 // Server failures never throw; only an unexpected read error does. A request
 // object is reusable; requests are never pipelined.
+//
+// An exchange that ends without its tagged answer (codes 0 and 4 above)
+// leaves the pipes out of step: the late answer may still come. The next
+// request on the same pipes first gets them back in step, so that no
+// command is given another command's answer: the connection's server is
+// replaced (the same user, a new child); other pipes are drained of what
+// they hold.
 class ZeImapRequest {
 public:
     explicit ZeImapRequest(ZePipeIO& io);
@@ -46,6 +53,9 @@ public:
 
     int timeout() const { return m_feeder.timeout(); }
     void timeout(int seconds) { m_feeder.timeout(seconds); }
+    // Whether the last exchange read its tagged completion line. A 0 without
+    // it is a missing answer (time-out, hang-up), not an OK.
+    bool answered() const { return m_answered; }
     bool has_error() const { return !m_last_error.empty(); }
     const std::string& last_error() const { return m_last_error; }
     ZeImapResponseRef& responser() { return m_response; }
@@ -56,6 +66,9 @@ public:
 
 private:
     int process();
+    int _exchange(const std::string& args);
+    void _get_in_step();
+    void _answered();
     int pre_parse(TokenIterator& token);
     void process_continue();
     int process_OK();
@@ -72,6 +85,7 @@ private:
     ZeImapResponseRef m_response;
     std::ostringstream m_args;
     std::string m_last_error;
+    bool m_answered = false;
     Corvane::Buffer m_out;  // the command line being sent
 };
 

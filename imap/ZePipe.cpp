@@ -401,6 +401,7 @@ int ZePipeProgram::open(const std::string& path, const std::vector<std::string>&
     m_io.write_fd(to_child[1]);
     m_io.read_fd(from_child[0]);
     m_io.timeout(ZePipeIO::kDefaultTimeout);
+    m_io.out_of_step(false);
     m_pid = pid;
     m_open = true;
     return 0;

@@ -79,6 +79,13 @@ public:
         return *this;
     }
 
+    // Whether the last command sent on these pipes ended without its tagged
+    // answer (a time-out, a foreign tag, an empty line): its answer, or the
+    // rest of it, may still arrive and must not be taken for the next
+    // command's. Cleared when a program is started on the pipes.
+    bool out_of_step() const { return m_out_of_step; }
+    void out_of_step(bool on) { m_out_of_step = on; }
+
     // Drains what the server sent that nobody read (the carry-over bytes, then
     // whatever the pipe holds now) and logs it with the prefix
     // "!!! Unhandled IMAP response: ": as one record when whole, else a record
@@ -102,6 +109,7 @@ private:
     int m_timeout = kDefaultTimeout;
     unsigned char m_carry[kCarrySize] = {};
     int m_carry_count = 0;
+    bool m_out_of_step = false;
 };
 
 // Starts a program with its standard input and output on pipes to us, and

@@ -369,6 +369,11 @@ int ZeMailBoxImap::select_imap_folder(long* exists, long* recent, long* uidnext)
         if (result == 0 && ze_imap_recover(m_user->id())) {
             result = m_request.request(ImapRequestSelect, m_quoted_folder);
         }
+        // No answer at all (a server that died or hangs) is a failure, not
+        // an empty folder.
+        if (result == 0 && !m_request.answered()) {
+            result = 4;
+        }
     }
     if (result != 0) {
         basepp::dbg::debug(kUnit, kLineSelect, "select_imap_folder", "Failed to open mailbox %s",
@@ -576,7 +581,7 @@ int ZeMailBoxImap::search_uid_list(std::string& uids, long*) {
     m_searched = answer->count();
     long start = 0;
     long end = 0;
-    if (m_scope_filter->range(start, end)) {
+    if (!m_scope_filter.isNull() && m_scope_filter->range(start, end)) {
         uids = ze_cut_uid_list(uids, start, end);
     }
     return 0;

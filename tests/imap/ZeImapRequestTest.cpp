@@ -224,6 +224,30 @@ long milliseconds_since(std::chrono::steady_clock::time_point begin) {
                                  .count());
 }
 
+// A command that timed out leaves its answer to come: the next command
+// must get its own answer, not the late one (a foreign tag, code 4, and the
+// other command's data), and so must every later command.
+TEST_F(Exchange, ALateAnswerIsNeverCreditedToTheNextCommand) {
+    ZePipeIO& io = serve(
+        "case \"$rest\" in\n"
+        "  'NOOP slow') sleep 3; printf '* 9 EXISTS\\r\\n%s OK late\\r\\n' \"$tag\" ;;\n"
+        "  *) printf '* %s EXISTS\\r\\n%s OK own\\r\\n' \"${rest#NOOP }\" \"$tag\" ;;\nesac",
+        kShortTimeout);
+    ZeImapRequest request(io);
+    EXPECT_EQ(0, request.request(ImapRequestNoop, "slow"));
+    EXPECT_FALSE(request.answered());
+    const int child = pid();
+    for (const unsigned exists : {2u, 3u}) {
+        EXPECT_EQ(0, request.request(ImapRequestNoop, std::to_string(exists)));
+        EXPECT_TRUE(request.answered());
+        auto* noop = dynamic_cast<ZeImapResponseNoop*>(request.responser().get());
+        ASSERT_NE(nullptr, noop);
+        EXPECT_EQ(exists, noop->exists());
+    }
+    EXPECT_NE(child, pid());  // the server with the late answer was replaced
+    EXPECT_NE(std::string::npos, log().find("an earlier answer is still unread, reconnecting"));
+}
+
 TEST_F(Exchange, SilentServerEndsWithZeroAfterTheTimeOut) {
     ZePipeIO& io = serve(":", kShortTimeout);
     ZeImapRequest request(io);

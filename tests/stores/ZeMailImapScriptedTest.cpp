@@ -315,7 +315,7 @@ TEST_F(Scripted, AServerKilledInTheMiddleOfOpenCostsThatOpenOnly) {
     EXPECT_EQ(before, zetest::open_descriptors().size());
 }
 
-TEST_F(Scripted, AServerThatQuitsInsteadOfSelectingIsReplacedOnce) {
+TEST_F(Scripted, AServerThatQuitsInsteadOfSelectingIsReplacedOnceThenTheOpenFails) {
     m_server.on("SELECT \"Quit\"", {"@EXIT"}, true);
     m_server.on("SELECT \"Never\"", {"@EXIT"});
     m_server.on("UID SEARCH 1:3 UNDELETED", {"* SEARCH 3", "$tag OK done"});
@@ -332,14 +332,19 @@ TEST_F(Scripted, AServerThatQuitsInsteadOfSelectingIsReplacedOnce) {
     ASSERT_EQ(1, quit->next());
     EXPECT_EQ(3u, quit->fetch()->uid());
 
-    // A server that leaves every time: one retry, then an empty mailbox that
-    // is not marked open, and no hang.
+    // A server that leaves every time: one retry, then the open fails as a
+    // refused SELECT does (not an empty mailbox), and no hang.
     ZeMailBoxRef never = box("Never");
-    EXPECT_EQ(1, never->open());
-    never->reset();
-    EXPECT_EQ(0, never->next());
+    EXPECT_THROW(never->open(), Corvane::Exception);
     const Lines sent = m_server.untagged_commands();
     EXPECT_EQ(2, std::count(sent.begin(), sent.end(), "SELECT \"Never\""));
+
+    // A search without any scope or filter set lists every undeleted UID.
+    m_server.on("UID SEARCH UNDELETED", {"* SEARCH 3 4", "$tag OK done"});
+    ZeMailBoxRef plain = box();
+    std::string uids;
+    EXPECT_EQ(0, imap(plain).search_uid_list(uids, nullptr));
+    EXPECT_EQ("3,4", uids);
 }
 
 // ------------------------------------------------------------ folders and users
