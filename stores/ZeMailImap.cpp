@@ -269,6 +269,26 @@ private:
 
 }  // namespace
 
+std::vector<std::string> ze_split_uid_set(const std::string& set, std::size_t max) {
+    std::vector<std::string> pieces;
+    std::string::size_type start = 0;
+    while (start < set.size()) {
+        std::string::size_type end = set.size();
+        if (end - start > max) {
+            // The last comma that keeps the piece within max, else the first
+            // one after it (an item longer than max goes whole).
+            const std::string::size_type comma = set.rfind(',', start + max);
+            end = comma != std::string::npos && comma > start ? comma : set.find(',', start);
+            if (end == std::string::npos) {
+                end = set.size();
+            }
+        }
+        pieces.push_back(set.substr(start, end - start));
+        start = end + 1;
+    }
+    return pieces;
+}
+
 unsigned long ze_appended_uid(const std::string& line) {
     static const std::string kCode = "[APPENDUID ";
     const std::string::size_type at = line.find(kCode);
@@ -418,10 +438,15 @@ int ZeMailBoxImap::open() {
         return 1;
     }
 
+    // Many scattered UIDs make a set too long for one command line: it goes
+    // out in pieces, each loading its messages.
     ZeImapCommand fetch(ZeImapCommand::UID_FETCH);
     fetch.set_processor(ZeImapProcessorRef::make<ZeImapFetchHeaders>(this));
-    if (m_request.request(fetch, ze_uid_set(uids) + INTERESTED_MESSAGED_INFO) != 0) {
-        basepp::dbg::debug(kUnit, kLineOpenFetch, "open", "ZeMailBoxImap::open() UID FETCH failed");
+    for (const std::string& set : ze_split_uid_set(ze_uid_set(uids), kMaxUidSet)) {
+        if (m_request.request(fetch, set + INTERESTED_MESSAGED_INFO) != 0) {
+            basepp::dbg::debug(kUnit, kLineOpenFetch, "open",
+                               "ZeMailBoxImap::open() UID FETCH failed");
+        }
     }
     m_cursor = m_messages.begin();
     m_opened = 1;
@@ -517,6 +542,11 @@ int ZeMailBoxImap::get_uid_list(std::string& uids, long* total) {
     long req_end = 0;
     _requested_range(req_start, req_end);
     uids.clear();
+    // A range that holds no position (a caller's own scope may answer one)
+    // asks for nothing; paging backwards through it would never end.
+    if (req_start < 0 || req_end <= req_start) {
+        return 0;
+    }
 
     long bstart = 0;
     long bend = 0;
@@ -538,9 +568,17 @@ int ZeMailBoxImap::get_uid_list(std::string& uids, long* total) {
                        req_start, req_end, bstart, bend, bcount);
 
     // Deleted messages left the page short: read further back, page by page.
+    // The first pages have the requested size; after kFixedPages each page
+    // doubles, so that a folder that claims billions of messages (a broken
+    // or hostile server) costs a few dozen searches, not one per page.
+    long span = req_end - req_start;
+    int pages = 0;
     while (bcount < req_end && bstart >= 2) {
+        if (++pages > kFixedPages && span < LONG_MAX / 2) {
+            span *= 2;
+        }
         bend = bstart - 1;
-        bstart = std::max(bend + req_start - req_end, 1L);
+        bstart = std::max(bend - span, 1L);
         std::string page;
         const int found = _get_undeleted_uid_list(page, &bstart, &bend);
         if (!page.empty()) {

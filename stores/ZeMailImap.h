@@ -10,7 +10,8 @@
 //   - without filters, the newest undeleted messages: positions 0 to 25
 //     counted from the newest (0 is the newest), or the positions of a range
 //     scope; the UIDs are read from the end of the folder backwards, page by
-//     page, until enough undeleted ones are found;
+//     page, until enough undeleted ones are found (pages double in size
+//     after the first kFixedPages); a range without positions lists nothing;
 //   - with filters, the UIDs of one server-side search ("UNDELETED " and the
 //     criteria of the scope and filters), cut to a range scope's positions.
 // Messages marked \Deleted never enter the list. The loaded messages keep
@@ -31,6 +32,7 @@
 #include <list>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "imap/ZeImapRequest.h"
 #include "model/ZeMailBox.h"
@@ -92,6 +94,9 @@ public:
     static constexpr int kLongTimeout = 90;     // UID SEARCH, UID MOVE, bulk STORE
     static constexpr int kSearchTimeout = 600;  // the filtered search
     static constexpr long kDefaultPage = 25;    // messages listed without a range scope
+    static constexpr int kFixedPages = 4;       // pages read backwards before they grow
+    // The longest UID set one UID FETCH carries; a longer one is split.
+    static constexpr std::size_t kMaxUidSet = 8192;
     // The items fetched for every loaded message (after the UID list).
     static const char* const INTERESTED_MESSAGED_INFO;
 
@@ -224,6 +229,12 @@ private:
 // that stays short for large folders. Items that are not numbers are
 // dropped.
 std::string ze_uid_set(const std::string& uids);
+
+// A UID set ("1:3,7,9:12") cut at its commas into pieces of at most max
+// characters each (a single item longer than max stays whole), in order. A
+// set within max is the one piece. Servers refuse command lines beyond a
+// limit (Dovecot: 64 KiB), so a long set goes out in several commands.
+std::vector<std::string> ze_split_uid_set(const std::string& set, std::size_t max);
 
 // The UID of a "[APPENDUID <validity> <uid>]" code in a tagged answer; 0
 // when there is none or it is malformed.

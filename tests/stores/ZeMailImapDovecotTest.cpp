@@ -260,6 +260,24 @@ TEST_F(ImapMailbox, RangeScopesAndFiltersChooseTheMessages) {
     }
 }
 
+// 12,000 scattered matches make a UID set of about 67 KB, more than the
+// server takes on one command line: the fetch goes out in pieces and every
+// matched message is loaded.
+TEST_F(ImapMailbox, AFilterWithManyScatteredMatchesLoadsThemAll) {
+    for (int i = 1; i <= 24000; ++i) {
+        m_server.deliver("ann", "Many", simple((i % 2 ? "odd" : "even") + std::to_string(i)), "S",
+                         true);
+    }
+    ZeMailBoxRef many = box("Many");
+    many->andFilter(zetest::subject_filter("odd"));
+    EXPECT_EQ(1, many->open());
+    EXPECT_EQ(12000, many->searched_count());
+    const std::vector<unsigned long> loaded = walk(many);
+    ASSERT_EQ(12000u, loaded.size()) << many->last_error();
+    EXPECT_EQ(1u, loaded.front());
+    EXPECT_EQ(23999u, loaded.back());
+}
+
 // ------------------------------------------------------------ flags
 
 TEST_F(ImapMailbox, FlagsAreAddedRemovedAndReplacedOnTheServer) {

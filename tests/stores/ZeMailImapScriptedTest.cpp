@@ -17,6 +17,7 @@
 #include "imap/ZeImapRequest.h"
 #include "model/ZeMFolder.h"
 #include "model/ZeMUser.h"
+#include "model/ZeMScopeAndFilter.h"
 #include "model/ZeMailBox.h"
 #include "stores/ZeMailImap.h"
 #include "support/Debug.h"
@@ -179,6 +180,45 @@ TEST_F(Scripted, OpenSendsTheSearchPagesAndOneFetchOfTheUidSet) {
     EXPECT_EQ(1u, inbox->fetch()->uid());
     ASSERT_EQ(1, inbox->next());
     EXPECT_EQ(0, inbox->next());
+}
+
+// A caller's own scope whose range holds no position.
+class BackwardsRange : public ZeMScopeImpl {
+public:
+    bool range(long& start, long& end) const override {
+        start = 10;
+        end = 5;
+        return true;
+    }
+    std::string imap_criteria() const override { return std::string(); }
+    bool match(ZeMessageEnv&) override { return true; }
+    bool match(ZeMessageBase&) override { return true; }
+    bool done() const override { return false; }
+    void reset() override {}
+};
+
+// Paging backwards for undeleted messages ends: a range with start above end
+// asks for nothing, and a server claiming about 4e9 messages but finding
+// none costs a few dozen searches.
+TEST_F(Scripted, PagingForUndeletedMessagesIsBounded) {
+    m_server.on("SELECT \"Huge\"", {"* 4000000000 EXISTS", "$tag OK [READ-WRITE] done"});
+    m_server.on("UID SEARCH*", {"* SEARCH", "$tag OK done"});
+    serve();
+    ZeMailBoxRef backwards = box();
+    backwards->setScope(ZeMScopeRef::adopt(new BackwardsRange()));
+    std::size_t mark = m_server.commands().size();
+    EXPECT_EQ(1, backwards->open());
+    EXPECT_EQ((Lines{"SELECT \"Inbox\""}), since(mark));
+
+    ZeMailBoxRef huge = box("Huge");
+    mark = m_server.commands().size();
+    EXPECT_EQ(1, huge->open());
+    const Lines sent = since(mark);
+    EXPECT_LT(sent.size(), 40u);
+    EXPECT_EQ("UID SEARCH 3999999975:4000000000 UNDELETED", sent.at(1));
+    EXPECT_EQ(0u, sent.back().find("UID SEARCH 1:")) << sent.back();  // down to the first
+    huge->reset();
+    EXPECT_EQ(0, huge->next());
 }
 
 TEST_F(Scripted, MessageOperationsSendTheirCommandsAfterSelecting) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "stores/ZeMailImap.h"
 
@@ -33,6 +34,36 @@ TEST(UidLists, SetsJoinRunsAndDropWhatIsNotAUid) {
     EXPECT_EQ("1", ze_uid_set("1,18446744073709551616"));  // does not fit: dropped
     EXPECT_EQ("18446744073709551614:18446744073709551615",
               ze_uid_set("18446744073709551614,18446744073709551615"));
+}
+
+TEST(UidLists, LongSetsAreSplitAtCommasWithinTheLimit) {
+    struct Case {
+        const char* set;
+        std::size_t max;
+        std::vector<std::string> pieces;
+    } cases[] = {
+        {"1:3,7,9:12", 10, {"1:3,7,9:12"}},  // within the limit: one piece, as it is
+        {"1:3,7,9:12", 9, {"1:3,7", "9:12"}},
+        {"1:3,7,9:12", 5, {"1:3,7", "9:12"}},
+        {"1:3,7,9:12", 3, {"1:3", "7", "9:12"}},  // an item longer than max stays whole
+        {"123456", 2, {"123456"}},
+        {"", 5, {}},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.pieces, ze_split_uid_set(c.set, c.max)) << c.set << " " << c.max;
+    }
+    // 12,000 scattered UIDs: every piece within the limit, nothing lost.
+    std::string uids;
+    for (int uid = 1; uid < 24000; uid += 2) {
+        uids += (uids.empty() ? "" : ",") + std::to_string(uid);
+    }
+    const std::string set = ze_uid_set(uids);
+    std::string joined;
+    for (const std::string& piece : ze_split_uid_set(set, ZeMailBoxImap::kMaxUidSet)) {
+        EXPECT_LE(piece.size(), ZeMailBoxImap::kMaxUidSet);
+        joined += (joined.empty() ? "" : ",") + piece;
+    }
+    EXPECT_EQ(set, joined);
 }
 
 TEST(AppendUid, TheCodeOfTheTaggedAnswer) {
