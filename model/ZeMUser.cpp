@@ -99,12 +99,16 @@ long long ZeMUser::get_folder_usage(const std::string& folder) {
     if (dir.empty() || !exists(dir)) {
         return 0;
     }
+    // A cache that is there answers, also when it cannot be read (0 then):
+    // only a missing one has the folder counted.
     const std::string cache = store_file(dir, ".vt_folder_size");
-    long long bytes = 0;
-    if (exists(cache) && vtl_read_mail_folder_size(cache, &bytes, nullptr) == VTL_SIZE_OK) {
+    if (exists(cache)) {
+        long long bytes = 0;
+        if (vtl_read_mail_folder_size(cache, &bytes, nullptr) != VTL_SIZE_OK) {
+            bytes = 0;
+        }
         return kib(bytes);
     }
-    // A broken cache is counted again like a missing one.
     if (m_id.type() == MAILBOX_TYPE_ARCHIVE || m_id.type() == MAILBOX_TYPE_MAILDIR) {
         const long long size = vtl_get_mailbox_size(dir, nullptr);
         if (size > 0) {
@@ -244,13 +248,10 @@ int ZeMUserImap::get_quota(long long* count, long long* kbytes) {
 }
 
 int ZeMUserImap::logout() {
+    // LOGOUT on this user's channel: the connection is made to serve this
+    // user first when it serves someone else (or nobody), then ended.
     ZeImapConnection* connection = ZeImapConnection::instance();
-    // Only a session that serves this user is ended; another user's child
-    // is not started just to be logged out.
-    if (!connection->program().is_open() || connection->user() != m_id) {
-        return 0;
-    }
-    ZeImapRequest request(connection->program().io());
+    ZeImapRequest request(connection->get_io(m_id));
     request.timeout(5);
     request.request(ImapRequestLogout, "");
     request.timeout(ZePipeIO::kDefaultTimeout);

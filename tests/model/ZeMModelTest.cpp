@@ -242,7 +242,7 @@ TEST_F(DirectUser, QuotaComesFromTheSizeFileInKibRoundedUp) {
     EXPECT_EQ(0, rotated->get_folder_usage("current"));
 }
 
-TEST_F(DirectUser, FolderUsageReadsTheFoldersSizeCacheOrCountsPlainTrees) {
+TEST_F(DirectUser, FolderUsageReadsTheSizeCacheEvenWhenBrokenOrCountsPlainTrees) {
     const ZeMailUserId imap_user(MAILBOX_TYPE_DEFAULT, "ann");
     const std::string work = make_folder(imap_user, "Work");
     ZeMUserRef ann = ZeMUserRef::createDirect("ann");
@@ -252,15 +252,17 @@ TEST_F(DirectUser, FolderUsageReadsTheFoldersSizeCacheOrCountsPlainTrees) {
     m_root.write(work.substr(m_root.path().size() + 1) + "/.vt_folder_size", "0S\n3000 3\n");
     EXPECT_EQ(3, ann->get_folder_usage("Work"));
 
-    // A plain Maildir tree is counted, and its folder cache dropped.
+    // A plain Maildir tree without a cache is counted, and the Maildir's
+    // cache dropped; a broken folder cache answers 0 and is left alone.
     const ZeMailUserId tree_user(MAILBOX_TYPE_MAILDIR, "tom");
     const std::string box = make_folder(tree_user, "Box");
-    m_root.write(box.substr(m_root.path().size() + 1) + "/cur/1.a:2,S", std::string(2000, 'x'));
-    m_root.write(box.substr(m_root.path().size() + 1) + "/.vt_folder_size", "broken");
+    const std::string relative = box.substr(m_root.path().size() + 1);
+    m_root.write(relative + "/cur/1.a:2,S", std::string(2000, 'x'));
     ZeMUserRef tom = ZeMUserRef::createDirect(MAILBOX_TYPE_MAILDIR, "tom");
     EXPECT_EQ(2, tom->get_folder_usage("Box"));
-    struct stat st;
-    EXPECT_NE(0, ::stat((box + "/.vt_folder_size").c_str(), &st));
+    m_root.write(relative + "/.vt_folder_size", "broken");
+    EXPECT_EQ(0, tom->get_folder_usage("Box"));
+    EXPECT_EQ("broken", zetest::read_file(box + "/.vt_folder_size"));
 }
 
 TEST_F(DirectUser, APlainMaildirTreeIsScannedForFolders) {

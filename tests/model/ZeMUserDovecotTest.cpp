@@ -179,22 +179,27 @@ TEST_F(ImapUser, QuotaAndUsageComeFromTheServer) {
 
 // ------------------------------------------------------------ sessions
 
-TEST_F(ImapUser, LogoutEndsTheSessionAndTheNextCallStartsAnother) {
+TEST_F(ImapUser, LogoutGoesOnTheUsersOwnChannelAndEndsTheSession) {
     ZeMUserRef ann = ZeMUserRef::createImap("ann");
     ann->init_folders();
     ASSERT_TRUE(ZeImapConnection::instance()->program().is_open());
     EXPECT_EQ(0, ann->logout());
     EXPECT_FALSE(ZeImapConnection::instance()->program().is_open());
     EXPECT_TRUE(zetest::zombie_children().empty());
-    EXPECT_EQ(0, ann->logout());  // nothing to end: nothing started
+    // LOGOUT goes on the user's own channel, started for it when needed;
+    // the session is ended either way.
+    EXPECT_EQ(0, ann->logout());
     EXPECT_FALSE(ZeImapConnection::instance()->program().is_open());
-
     EXPECT_EQ(0, folder("Fresh")->create());
     EXPECT_TRUE(ZeImapConnection::instance()->program().is_open());
-    // Logging out another user leaves this session alone.
+    const std::string before = m_server.log();
     ZeMUserRef bob = ZeMUserRef::createImap("bob");
     EXPECT_EQ(0, bob->logout());
-    EXPECT_TRUE(ZeImapConnection::instance()->program().is_open());
+    EXPECT_FALSE(ZeImapConnection::instance()->program().is_open());
+    const std::string after = m_server.log().substr(before.size());
+    EXPECT_NE(std::string::npos, after.find("imap(ann)")) << after;  // ann's session ended
+    EXPECT_NE(std::string::npos, after.find("imap(bob)")) << after;  // bob's logged out
+    EXPECT_TRUE(zetest::zombie_children().empty());
 }
 
 TEST_F(ImapUser, UsersTheServerCannotServeGetCodesNotCrashes) {
