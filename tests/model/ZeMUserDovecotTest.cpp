@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -130,13 +133,34 @@ TEST_F(ImapUser, FoldersAreCreatedRenamedAndRemovedOnTheServer) {
     EXPECT_EQ(0, renamed->remove());
     EXPECT_FALSE(is_dir(m_server.folder_path("ann", "Projects/Renamed")));
     EXPECT_EQ(1, renamed->remove());
+}
 
-    // This server keeps Maildir++ with "/" as separator and so refuses the
-    // dots of a ".deleted." name: the folder stays, the code is the NO's.
-    m_server.add_folder("ann", "Old");
-    ZeMFolderRef old = folder("Old");
-    EXPECT_EQ(1, old->remove_deferred());
-    EXPECT_TRUE(is_dir(m_server.folder_path("ann", "Old")));
+// Deferred removal renames the folder to a ".deleted." name, which needs a
+// server that takes "." in folder names as the production server does.
+TEST_F(ImapUser, DeferredRemovalHidesTheFolderWithItsMessages) {
+    m_server.deliver("ann", "Work/2019", "Subject: kept\n\nbody\n");
+    std::ofstream(m_server.maildir("ann") + "/maildirsize") << "0S\n";
+    ZeMFolderRef work = folder("Work/2019");
+    const long long before = static_cast<long long>(std::time(nullptr));
+    EXPECT_EQ(0, work->remove_deferred());
+    EXPECT_FALSE(is_dir(m_server.folder_path("ann", "Work/2019")));
+    EXPECT_NE(0, ::access((m_server.maildir("ann") + "/maildirsize").c_str(), F_OK));  // recounted
+
+    ZeMUserRef ann = ZeMUserRef::createImap("ann");
+    ann->init_folders();
+    std::string hidden;
+    for (const ZeMFolderRef& one : ann->folders()) {
+        if (one->name().compare(0, 9, ".deleted.") == 0) {
+            hidden = one->name();
+        }
+    }
+    const std::string suffix = "." + std::to_string(getpid()) + ".Work.2019";
+    ASSERT_GT(hidden.size(), suffix.size()) << testing::PrintToString(listing(ann));
+    EXPECT_EQ(suffix, hidden.substr(hidden.size() - suffix.size()));
+    EXPECT_GE(std::atoll(hidden.c_str() + 9), before);
+    ZeMFolderRef kept = folder(hidden);
+    EXPECT_EQ(0, kept->get_status());
+    EXPECT_EQ(1, kept->messages());
 }
 
 // ------------------------------------------------------------ quota and usage

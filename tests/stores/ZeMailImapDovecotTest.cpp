@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "imap/ZeImapRequest.h"
+#include "model/ZeMFolder.h"
 #include "model/ZeMailBox.h"
 #include "stores/ZeMailImap.h"
 #include "support/Debug.h"
@@ -276,6 +277,22 @@ TEST_F(ImapMailbox, AFilterWithManyScatteredMatchesLoadsThemAll) {
     ASSERT_EQ(12000u, loaded.size()) << many->last_error();
     EXPECT_EQ(1u, loaded.front());
     EXPECT_EQ(23999u, loaded.back());
+}
+
+// A type-2 user's mailbox is its "dead.letter" folder, whatever folder is
+// asked for: a name with a "." that the server takes, as production's does.
+TEST_F(ImapMailbox, TheDeadLetterMailboxOfATypeTwoUserOpensOnTheServer) {
+    ASSERT_EQ(0, ZeMFolderRef::create(ZeMailUserId(MAILBOX_TYPE_DEFAULT, "ann"), "dead.letter", 0)
+                     ->create());
+    EXPECT_TRUE(boost::filesystem::is_directory(m_server.folder_path("ann", "dead.letter")));
+    m_server.deliver("ann", "dead.letter", simple("bounced"));
+    ZeMailBoxRef dead =
+        ZeMailBoxRef::create(static_cast<MailBoxType>(2), "ann", "Inbox", MAILBOX_OPEN_IMAP);
+    ASSERT_FALSE(dead.isNull());
+    EXPECT_EQ("dead.letter", dead->mailfolder());
+    EXPECT_EQ(1, dead->open());
+    EXPECT_EQ(std::vector<unsigned long>{1}, walk(dead));
+    EXPECT_EQ("bounced", dead->retrieve_message(1UL)->headers().get("Subject"));
 }
 
 // ------------------------------------------------------------ flags

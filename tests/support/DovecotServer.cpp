@@ -32,7 +32,11 @@ const char kModuleDir[] = "/usr/lib/dovecot/modules";
 // Dovecot finds a plugin by the name it is listed under in mail_plugins;
 // the number only orders loading.
 const char kXfnameModule[] = "lib90_imap_xfname_plugin.so";
-const char* const kQuotaModules[] = {"lib10_quota_plugin.so", "lib11_imap_quota_plugin.so"};
+// The stock modules the configuration loads: the quota plugins, and
+// listescape, which lets folder names hold "." (as the production server
+// does) by escaping it on disk.
+const char* const kStockModules[] = {"lib10_quota_plugin.so", "lib11_imap_quota_plugin.so",
+                                     "lib20_listescape_plugin.so"};
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::runtime_error("DovecotServer: " + what);
@@ -443,10 +447,10 @@ DovecotServer::DovecotServer(const std::string& xfname_plugin, const std::string
         write_file(m_log, "");
         _own(m_dir + "/log");
 
-        for (const char* module : kQuotaModules) {
+        for (const char* module : kStockModules) {
             const std::string target = std::string(kModuleDir) + "/" + module;
             if (::access(target.c_str(), R_OK) != 0)
-                fail_errno("quota plugin missing: " + target);
+                fail_errno("Dovecot plugin missing: " + target);
             fs::create_symlink(target, m_plugins + "/" + module);
         }
         if (!xfname_plugin.empty()) {
@@ -492,7 +496,7 @@ void DovecotServer::_write_config(const std::string& xfname_plugin) {
       << "first_valid_uid = " << (m_owner.uid == 0 ? 0 : 1) << "\n"
       << "first_valid_gid = " << (m_owner.gid == 0 ? 0 : 1) << "\n"
       << "mail_plugin_dir = " << m_plugins << "\n"
-      << "mail_plugins = quota\n";
+      << "mail_plugins = quota listescape\n";
     // Tests add folders behind Dovecot's back: read the file system on every
     // LIST instead of a cached list index, and stat entries so that the
     // dotted links (.dovecot-uidlist, .maildirsize) are not taken for
@@ -549,8 +553,20 @@ std::string DovecotServer::maildir(const std::string& user) const {
 std::string DovecotServer::folder_path(const std::string& user, const std::string& folder) const {
     if (is_inbox(folder))
         return maildir(user);
-    std::string dotted = folder;
-    std::replace(dotted.begin(), dotted.end(), '/', '.');
+    // Maildir++: "/" becomes "."; a "." of the name itself, and listescape's
+    // escape character, are written as listescape writes them.
+    std::string dotted;
+    for (const char c : folder) {
+        if (c == '/') {
+            dotted += '.';
+        } else if (c == '.') {
+            dotted += "\\2e";
+        } else if (c == '\\') {
+            dotted += "\\5c";
+        } else {
+            dotted += c;
+        }
+    }
     return maildir(user) + "/." + dotted;
 }
 

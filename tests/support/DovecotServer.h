@@ -11,9 +11,10 @@
 //   home     = <root>/<domain>/<local part>   (domain "localhost" without '@')
 //   Maildir  = <home>/Maildir
 //   "A/B"    = <Maildir>/.A.B                 (Maildir++, "/" on the wire)
-// User and folder names are used as given (a "." in a folder name becomes a
-// hierarchy level), so pass non-ASCII names in modified UTF-7 as Dovecot
-// stores them.
+// User and folder names are used as given, so pass non-ASCII names in
+// modified UTF-7 as Dovecot stores them. The listescape plugin is loaded, as
+// the production server allows "." in folder names: on disk a "." of a name
+// is "\2e" and a backslash "\5c" ("dead.letter" = <Maildir>/.dead\2eletter).
 //
 // Every Maildir the fixture creates also gets the links
 // .dovecot-uidlist -> dovecot-uidlist and .maildirsize -> maildirsize: the
