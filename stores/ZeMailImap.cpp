@@ -201,17 +201,25 @@ class AppendSnapshot {
 public:
     static constexpr std::size_t kInMemory = 1u << 20;
 
-    // False when the file cannot be opened or is not a regular file, or
-    // when a large one cannot be copied.
-    bool take(const std::string& path) {
+    enum Taken { kTaken, kNotAFile, kNoCopy };
+
+    // kNotAFile when the file cannot be opened or is not a regular file,
+    // kNoCopy when it cannot be read or a large one cannot be copied (a full
+    // spool); errno tells why.
+    Taken take(const std::string& path) {
         const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
         if (fd < 0) {
-            return false;
+            return kNotAFile;
         }
         struct stat st;
-        const bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && _copy(fd);
+        Taken result = kNotAFile;
+        if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+            result = _copy(fd) ? kTaken : kNoCopy;
+        }
+        const int saved = errno;
         ::close(fd);
-        return ok;
+        errno = saved;
+        return result;
     }
     long long size() const { return m_size; }
     ZeImapProcessorRef processor() const {
@@ -838,7 +846,9 @@ int ZeMailBoxImap::_fetch_section(std::ostream* out, unsigned long uid, const st
     if (node != nullptr) {
         *node = static_cast<const ZeImapFetchBodySection*>(reader.get())->node();
     }
-    return result;
+    // Without the tagged answer the bytes written may be only part of the
+    // section (the server died or hangs).
+    return result == 0 && !m_request.answered() ? 4 : result;
 }
 
 int ZeMailBoxImap::retrieve_section(std::ostream& out, unsigned long uid,
@@ -930,10 +940,17 @@ unsigned long ZeMailBoxImap::_last_uid() {
 int ZeMailBoxImap::append(const std::string& file, const ZeMessageFlags& flags) {
     m_last_append_uid = 0;
     AppendSnapshot message;
-    if (!message.take(file)) {
-        basepp::dbg::debug(kUnit, kLineAppendFile, "append", "%s is not valid or not accessible",
-                           file.c_str());
-        return 0;
+    switch (message.take(file)) {
+        case AppendSnapshot::kTaken:
+            break;
+        case AppendSnapshot::kNotAFile:
+            basepp::dbg::debug(kUnit, kLineAppendFile, "append",
+                               "%s is not valid or not accessible", file.c_str());
+            return 0;
+        case AppendSnapshot::kNoCopy:
+            basepp::dbg::debug(kUnit, __LINE__, "append", "cannot copy %s for APPEND: %s",
+                               file.c_str(), std::strerror(errno));
+            return 4;
     }
     if (m_quoted_folder.empty() || !_session()) {
         return 4;
@@ -948,7 +965,9 @@ int ZeMailBoxImap::append(const std::string& file, const ZeMessageFlags& flags) 
     args += " {" + std::to_string(message.size()) + "}";
     ZeImapCommand command(ZeImapCommand::APPEND);
     command.set_processor(message.processor());
-    if (m_request.request(command, args) != 0) {
+    // Without the tagged answer (the server died or hangs) nothing says the
+    // message was stored.
+    if (m_request.request(command, args) != 0 || !m_request.answered()) {
         return 4;
     }
     m_last_append_uid = ze_appended_uid(m_request.feeder().curline().str());

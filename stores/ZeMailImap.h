@@ -143,8 +143,9 @@ public:
     // The message's MIME tree from its BODYSTRUCTURE, kept with the message.
     ZeImapMimeRef retrieve_mime(ZeMessageRef& message) override;
     using ZeMailboxBase::retrieve_section;
-    // The section's bytes as stored ("" is the whole message): 0, or the
-    // request's completion code.
+    // The section's bytes as stored ("" is the whole message): 0, the
+    // request's completion code, or 4 when no answer came to its end (the
+    // server died or hung; what was written may be partial).
     int retrieve_section(std::ostream& out, unsigned long uid, const std::string& section) override;
     int retrieve_section(Corvane::MediaOut& out, unsigned long uid, const std::string& section);
     int retrieve_body(std::ostream& out, unsigned long uid) override;
@@ -159,7 +160,8 @@ public:
     // The section's own MIME header as a node; null when the server has none.
     ZeImapMimeRef retrieve_section_mime(unsigned long uid, const std::string& section) override;
     // APPEND of the file with the flags' IMAP names. 0 on success (the new
-    // UID is then last_append_uid()), 4 when the server refused it; 0 and
+    // UID is then last_append_uid()), 4 when the server refused it or gave
+    // no answer, or when the message could not be copied for sending; 0 and
     // nothing sent when the file is not a regular file.
     int append(const std::string& file, const ZeMessageFlags& flags) override;
     MailboxOpenMethod open_method() override { return MAILBOX_OPEN_IMAP; }

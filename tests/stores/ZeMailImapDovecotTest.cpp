@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
+#include <thread>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -525,6 +527,150 @@ TEST_F(ImapMailbox, AServerKilledBetweenCallsIsReplacedByTheNextCall) {
     EXPECT_EQ(3, work->total_messages());
     EXPECT_NE(first, ZeImapConnection::instance()->program().pid());
     EXPECT_EQ("0:" + as_served(simple("m2")), body(work, 2));
+}
+
+// ------------------------------------------------------------ fault injection
+
+// An output that kills the server the first time bytes reach it: the server
+// dies in the middle of sending a section.
+class KillOnFirstBytes : public std::streambuf {
+public:
+    explicit KillOnFirstBytes(int pid) : m_pid(pid) {}
+    std::size_t received = 0;
+
+protected:
+    std::streamsize xsputn(const char*, std::streamsize n) override {
+        _kill();
+        received += static_cast<std::size_t>(n);
+        return n;
+    }
+    int_type overflow(int_type c) override {
+        _kill();
+        ++received;
+        return traits_type::not_eof(c);
+    }
+
+private:
+    void _kill() {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGKILL);
+            m_pid = 0;
+        }
+    }
+    int m_pid;
+};
+
+// Kills the server from another thread once ready() holds (or after 10 s),
+// while the test's thread is inside a call.
+class Killer {
+public:
+    Killer(int pid, std::function<bool()> ready)
+        : m_thread([pid, ready] {
+              for (int i = 0; i < 1000 && !ready(); ++i) {
+                  ::usleep(10000);
+              }
+              ::kill(pid, SIGKILL);
+          }) {}
+    ~Killer() { m_thread.join(); }
+
+private:
+    std::thread m_thread;
+};
+
+class ImapMailboxFaults : public ImapMailbox {
+protected:
+    int server() { return ZeImapConnection::instance()->program().pid(); }
+    // Whatever was killed, a closed connection leaves no descriptor open and
+    // no child unreaped.
+    void expect_nothing_left(const std::vector<std::string>& descriptors) {
+        ZeImapConnection::instance()->close();
+        EXPECT_EQ(descriptors, zetest::open_descriptors());
+        EXPECT_TRUE(zetest::zombie_children().empty());
+    }
+};
+
+TEST_F(ImapMailboxFaults, ServerKilledInTheMiddleOfALargeFetch) {
+    const std::string big = simple("big") + std::string(8u << 20, 'b') + "\n";
+    m_server.deliver("ann", "Work", big);
+    const auto descriptors = zetest::open_descriptors();
+    ZeMailBoxRef work = box("Work");
+    EXPECT_EQ(1, work->total_messages());  // a server runs
+    KillOnFirstBytes killing(server());
+    std::ostream out(&killing);
+    EXPECT_EQ(4, work->retrieve_section(out, 1UL, ""));  // part of the bytes only
+    EXPECT_LT(killing.received, as_served(big).size());
+    EXPECT_EQ("0:" + as_served(big), body(work, 1));  // on a new server
+    expect_nothing_left(descriptors);
+}
+
+TEST_F(ImapMailboxFaults, ServerKilledInTheMiddleOfAnAppend) {
+    fill("Work", 2);
+    const std::string file = m_spool.write("big.eml", simple("big") + std::string(30u << 20, 'a'));
+    const std::string tmp = m_server.folder_path("ann", "Work") + "/tmp";
+    const auto descriptors = zetest::open_descriptors();
+    ZeMailBoxRef work = box("Work");
+    EXPECT_EQ(2, work->total_messages());
+    {
+        // Killed once the server has begun to write the message.
+        Killer killer(server(), [&tmp] {
+            for (const auto& entry : boost::filesystem::directory_iterator(tmp)) {
+                if (boost::filesystem::file_size(entry.path()) > 0) {
+                    return true;
+                }
+            }
+            return false;
+        });
+        EXPECT_EQ(4, work->append(file, ZeMessageFlags()));
+    }
+    // Nothing half-stored, nothing lost; the next append works.
+    ZeMailBoxRef again = box("Work");
+    EXPECT_EQ(1, again->open());
+    EXPECT_EQ(range(1, 2), walk(again));
+    EXPECT_EQ(0, again->append(m_spool.write("small.eml", simple("small")), ZeMessageFlags()));
+    EXPECT_EQ(3, again->total_messages());
+    expect_nothing_left(descriptors);
+}
+
+TEST_F(ImapMailboxFaults, ServerKilledInTheMiddleOfASelect) {
+    fill("Work", 3);
+    const auto descriptors = zetest::open_descriptors();
+    ZeMailBoxRef work = box("Work");
+    EXPECT_EQ(3, work->total_messages());
+    // The server is stopped, so the SELECT waits unanswered until it is
+    // killed; the open then runs on a new server.
+    const int first = server();
+    ::kill(first, SIGSTOP);
+    {
+        Killer killer(first, [] {
+            ::usleep(300000);
+            return true;
+        });
+        EXPECT_EQ(1, work->open());
+    }
+    EXPECT_NE(first, server());
+    EXPECT_EQ(range(1, 3), walk(work));
+    expect_nothing_left(descriptors);
+}
+
+// The disk filling up while the server saves a message (its file size
+// limit): the APPEND fails, the folder keeps what it had, byte for byte.
+TEST_F(ImapMailboxFaults, TheDiskFillingUpWhileAMessageIsSaved) {
+    fill("Work", 2);
+    const std::string wrapper = m_spool.write(
+        "imap-full",
+        "#!/bin/sh\ntrap '' XFSZ\nulimit -f 1024\nexec '" + m_server.wrapper() + "' \"$@\"\n",
+        true);
+    zemail::paths::set_imap_program(wrapper);
+    const std::string file = m_spool.write("big.eml", simple("big") + std::string(2u << 20, 'a'));
+    ZeMailBoxRef work = box("Work");
+    EXPECT_EQ(4, work->append(file, ZeMessageFlags()));
+    ZeImapConnection::instance()->close();
+    zemail::paths::set_imap_program(m_server.wrapper());
+    EXPECT_EQ(2, work->total_messages());
+    EXPECT_EQ("0:" + as_served(simple("m1")), body(work, 1));
+    EXPECT_EQ("0:" + as_served(simple("m2")), body(work, 2));
+    EXPECT_EQ(0, work->append(file, ZeMessageFlags()));  // room again: stored whole
+    EXPECT_EQ(3, work->total_messages());
 }
 
 TEST_F(ImapMailbox, TwoUsersAreServedOneAfterTheOther) {
