@@ -111,9 +111,9 @@ int ZeImapRequest::_exchange(const std::string& args) {
     m_tag.next();
     m_feeder.resume();
 
-    // The whole line in one write: written piece by piece, the server wakes
-    // up for every piece and the round trip of a short command takes twice
-    // as long.
+    // The whole line in one write: a write that fails cannot leave half a
+    // command on the wire, and the server does not wake up for every piece
+    // (which doubled the round trip of a short command).
     m_out.clear();
     m_out.append(m_tag.m_tag);
     m_out.append(' ');
