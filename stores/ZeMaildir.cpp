@@ -27,9 +27,10 @@ bool hidden(const char* name) {
     return name[0] == '.';
 }
 
-// Renames within one directory without ever replacing another file: two
-// files that differ only in their flag letters must not become one. Falls
-// back to a plain rename where the file system cannot refuse to replace.
+// Renames without ever replacing another file: two files that differ only
+// in their flag letters, or a new/ and a cur/ file of the same name, must
+// not become one. Falls back to a plain rename after an existence test
+// where the file system cannot refuse to replace.
 bool rename_no_replace(const std::string& from, const std::string& to) {
     if (from == to) {
         return ::access(from.c_str(), F_OK) == 0;
@@ -218,8 +219,9 @@ void ZeMaildir::moveNewMessages() {
         return;
     }
     while (const dirent* entry = ::readdir(incoming.get())) {
+        // Never over a cur/ file of the same name: that is another message.
         if (!hidden(entry->d_name)) {
-            ::rename((from + entry->d_name).c_str(), (to + entry->d_name).c_str());
+            rename_no_replace(from + entry->d_name, to + entry->d_name);
         }
     }
 }

@@ -169,7 +169,8 @@ public:
     // unknown), and the base name it gives a UID ("" when unknown).
     unsigned long uid_from_file(const std::string& name);
     std::string file_from_uid(unsigned long uid);
-    // Renames every file of new/ into cur/ under the same name.
+    // Renames every file of new/ into cur/ under the same name; a file whose
+    // name cur/ already holds stays in new/.
     void moveNewMessages();
 
     const std::string& path() const { return m_path; }

@@ -196,6 +196,15 @@ TEST_F(ZeMaildirTest, OpenMovesNewMailToCurAndTheWalkFollowsDirectoryOrder) {
     EXPECT_EQ(MAILBOX_OPEN_DIRECT, box.open_method());
 }
 
+TEST_F(ZeMaildirTest, MovingNewMailNeverReplacesACurFileOfTheSameName) {
+    put("cur", "1700000000.M1.h", "the message in cur/");
+    put("new", "1700000000.M1.h", "another one");
+    ZeMaildir box(ZeMUserRef(), root(), 0ul);
+    EXPECT_EQ(1, box.open());
+    EXPECT_EQ("the message in cur/", zetest::read_file(cur() + "1700000000.M1.h"));
+    EXPECT_EQ("another one", zetest::read_file(root() + "/new/1700000000.M1.h"));
+}
+
 TEST_F(ZeMaildirTest, OpenWithoutCurOrCreatingTheMaildir) {
     ZeMaildir missing(ZeMUserRef(), root() + "/nothing-here", 0ul);
     EXPECT_EQ(1, missing.open());
