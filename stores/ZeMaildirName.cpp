@@ -2,7 +2,9 @@
 
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 
 #include "model/ZeMessageFlags.h"
@@ -29,7 +31,15 @@ unsigned long flagBits(const FlagChars& letters) {
 }
 
 std::string basename(const std::string& name) {
-    return name.substr(0, name.find(','));
+    return name.substr(0, baseLength(name.data(), name.size()));
+}
+
+std::size_t baseLength(const char* name, std::size_t length) {
+    const void* comma = std::memchr(name, ',', length);
+    return comma == nullptr
+               ? length
+               : baseLengthAtComma(
+                     name, static_cast<std::size_t>(static_cast<const char*>(comma) - name));
 }
 
 std::string::size_type infoStart(const std::string& name) {

@@ -19,6 +19,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include "stores/ZeMaildirName.h"
 #include "support/Debug.h"
 
 // How a read goes. The file is read in chunks into one buffer reused for the
@@ -80,10 +81,9 @@ bool is_blank(char c) {
     return c == ' ' || c == '\t';
 }
 
-// The base name: a file name up to its first ",".
+// The base name: a file name up to its first "," or its info marker.
 std::size_t base_length(const std::string& name) {
-    std::size_t comma = name.find(',');
-    return comma == std::string::npos ? name.size() : comma;
+    return ZeMaildirName::baseLength(name.data(), name.size());
 }
 
 // Byte order of names, the order of std::string's comparison.
@@ -135,10 +135,9 @@ inline bool parse_line(const char* line, const char* end, std::uint64_t* uidOut,
         return false;
     }
     const char* name = colon + 1;
-    const void* comma = std::memchr(name, ',', static_cast<std::size_t>(end - name));
     *uidOut = value;
     *nameOut = name;
-    *nameEnd = comma != nullptr ? static_cast<const char*>(comma) : end;
+    *nameEnd = name + ZeMaildirName::baseLength(name, static_cast<std::size_t>(end - name));
     return true;
 }
 
@@ -378,11 +377,14 @@ ScanEnd scan_records(const char** line, const char* stop, std::size_t maxLength,
                 if (feeds != 0) {
                     const unsigned at = static_cast<unsigned>(__builtin_ctzll(feeds));
                     commas &= (std::uint64_t{1} << at) - 1;
-                    nameEnd = name + (commas != 0 ? __builtin_ctzll(commas) : at);
+                    nameEnd = commas != 0 ? name + ZeMaildirName::baseLengthAtComma(
+                                                       name, __builtin_ctzll(commas))
+                                          : name + at;
                     feed = name + at;
                 } else if (commas != 0) {
-                    nameEnd = name + __builtin_ctzll(commas);
-                    feed = find_feed(nameEnd + 1);
+                    const std::size_t comma = __builtin_ctzll(commas);
+                    nameEnd = name + ZeMaildirName::baseLengthAtComma(name, comma);
+                    feed = find_feed(name + comma + 1);
                 }
                 if (feed != nullptr) {
                     if (static_cast<std::size_t>(feed - p) > maxLength) {

@@ -13,12 +13,14 @@
 //
 // A record is a decimal UID (not 0, first character a digit, at most 64 bits),
 // exactly one blank (space or tab) right after the digits, then any text up
-// to the first ":", then the file name up to its first "," or the line end;
-// the stored name is the Maildir base name. Reading stops at the first line
-// that breaks this (and then forgets everything read so far), at the end of
-// the file, and at a line that does not fit a 1024-byte line buffer (1023
-// bytes with its line feed; records before it are kept). A record with an
-// empty name is skipped: no file can have it.
+// to the first ":", then the file name up to its first "," (or its ":2," /
+// ":3," info marker when that comes first, stores/ZeMaildirName.h) or the
+// line end; the stored name is the Maildir base name. Reading stops at the
+// first line that breaks this (and then forgets everything read so far), at
+// the end of the file, at a line that does not fit a 1024-byte line buffer
+// (1023 bytes with its line feed; records before it are kept), and after
+// kMaxFileBytes bytes (records wholly before them are kept). A record with
+// an empty name is skipped: no file can have it.
 //
 // The maps keep the first mapping they see for a UID and for a name, and a
 // re-read after the file changed adds to them without emptying them: once
@@ -52,8 +54,8 @@ public:
     virtual ~ZeUIDList__() = default;
     // The base name of the file with that UID, or "".
     virtual std::string basename(unsigned long uid) = 0;
-    // The UID of a file; name is cut at its first ",". (unsigned long)-1 when
-    // unknown.
+    // The UID of a file; name is cut to its base name. (unsigned long)-1
+    // when unknown.
     virtual unsigned long uid(const std::string& name) = 0;
     // The UID of the first entry, in ascending byte order of base names,
     // whose base name contains name anywhere (an empty name is in every

@@ -4,6 +4,7 @@
 #include "stores/ZeMaildirName.h"
 
 #include <limits>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -29,13 +30,28 @@ std::string letters(const FlagChars& flags) {
     return out;
 }
 
-TEST(ZeMaildirNameTest, BaseNameEndsAtFirstComma) {
-    EXPECT_EQ("1.M1.h", ZeMaildirName::basename("1.M1.h,S=5:2,S"));
-    EXPECT_EQ("123.host:2",
-              ZeMaildirName::basename("123.host:2,SF"));  // the comma of ":2," counts too
-    EXPECT_EQ("plain", ZeMaildirName::basename("plain"));
-    EXPECT_EQ("", ZeMaildirName::basename(",U5"));
-    EXPECT_EQ("", ZeMaildirName::basename(""));
+// Most delivery agents write no "," before the info part: their base name
+// ends at the marker, where names with one keep the answer they always had.
+TEST(ZeMaildirNameTest, BaseNameEndsAtFirstCommaOrAtAnInfoMarkerBeforeIt) {
+    const std::pair<std::string, std::string> rows[] = {
+        {"1.M1.h,S=5:2,S", "1.M1.h"},
+        {"1.M1.h,U7:2,S", "1.M1.h"},
+        {"1700000000.M1P1.host:2,S", "1700000000.M1P1.host"},
+        {"123.host:3,SF", "123.host"},
+        {"123.host:2,", "123.host"},
+        {"x:3,A:2,B", "x"},
+        {"a:2", "a:2"},    // no marker without its ","
+        {"a:4,S", "a:4"},  // only 2 and 3 mark an info part
+        {"a2,S=1", "a2"},  // a "2" before the "," is no marker without ":"
+        {":2,S", ""},
+        {"plain", "plain"},
+        {",U5", ""},
+        {"", ""},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(row.second, ZeMaildirName::basename(row.first)) << row.first;
+        EXPECT_EQ(row.second.size(), baseLength(row.first.data(), row.first.size())) << row.first;
+    }
 }
 
 TEST(ZeMaildirNameTest, InfoPartFollowsFirstColonTwoElseColonThree) {
