@@ -559,15 +559,36 @@ public:
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
     int get() const { return m_fd; }
+    void reset(int fd) {
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+        m_fd = fd;
+    }
 
 private:
     int m_fd;
 };
 
+// The stock server's name of a list file: the same without the leading ".".
+std::string undotted(const std::string& path) {
+    const std::string::size_type slash = path.rfind('/');
+    const std::string::size_type name = slash == std::string::npos ? 0 : slash + 1;
+    if (path.compare(name, 1, ".") != 0 || path.size() == name + 1) {
+        return std::string();
+    }
+    return path.substr(0, name) + path.substr(name + 1);
+}
+
 }  // namespace
 
 ZeUIDListImpl::ZeUIDListImpl(const std::string& uidlistFile)
-    : file(uidlistFile), loaded(false), parsedOk(true), mtime(0), namesFollowUids(true) {}
+    : file(uidlistFile),
+      loaded(false),
+      parsedOk(true),
+      mtime(0),
+      fallback(undotted(uidlistFile)),
+      namesFollowUids(true) {}
 
 bool ZeUIDListImpl::parseRecord(const char* line, std::size_t length, std::uint64_t* uidOut,
                                 const char** nameOut, std::size_t* nameLength) {
@@ -823,7 +844,11 @@ void ZeUIDListImpl::_clear() {
 void ZeUIDListImpl::LoadUIDList() {
     // O_NONBLOCK: a FIFO put in the file's place must not stall the caller;
     // anything but a regular file counts as unreadable.
-    FileDescriptor fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    const int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    FileDescriptor fd(::open(file.c_str(), flags));
+    if (fd.get() < 0 && errno == ENOENT && !fallback.empty()) {
+        fd.reset(::open(fallback.c_str(), flags));
+    }
     struct stat st;
     if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         _clear();

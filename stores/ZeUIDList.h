@@ -3,7 +3,9 @@
 
 // The IMAP UIDs of the files of a Maildir folder, as the IMAP server records
 // them in "<folder>/.dovecot-uidlist". The Maildir back-end asks here so that
-// it reports the same UIDs as the IMAP path.
+// it reports the same UIDs as the IMAP path. A folder without that file is
+// read through "<folder>/dovecot-uidlist", the name a stock Dovecot uses (the
+// appliance's server keeps the dotted one).
 //
 // The file as read (read only, never written):
 //
@@ -162,8 +164,8 @@ public:
     // kLineBufferSize - 2 bytes before the line feed.
     static constexpr std::size_t kLineBufferSize = 1024;
 
-    // A list for the file at that path; nothing is read before the first
-    // lookup.
+    // A list for the file at that path (when it is missing, the same name
+    // without its leading "."); nothing is read before the first lookup.
     explicit ZeUIDListImpl(const std::string& uidlistFile);
 
     std::string basename(unsigned long uid) override;
@@ -222,6 +224,9 @@ private:
     bool parsedOk;     // the last read met no malformed line
     time_t mtime;      // the file's modification time when last read
     boost::mutex mutex;
+    // <folder>/dovecot-uidlist, read when file is missing ("" when file's
+    // name has no leading ".").
+    std::string fallback;
     // The bytes of the base names the maps refer to, back to back; the two
     // entries a record gives share one copy.
     ZeUIDListArray<char> names;

@@ -18,6 +18,7 @@
 #include "imap/ZeImapClient.h"
 #include "model/ZeMScopes.h"
 #include "support/Paths.h"
+#include "support/StoreUtil.h"
 #include "support/TestUtil.h"
 #include "tests/support/DovecotServer.h"
 
@@ -182,6 +183,59 @@ std::vector<std::string> corpusFiles() {
     }
     std::sort(files.begin(), files.end());
     return files;
+}
+
+// The corpus delivered into new/ under both shapes of name, with and without
+// a "," before ":2,", into a folder that has only the stock server's file
+// names ("dovecot-uidlist", "maildirsize": the fixture's dotted links are
+// removed). Once the server has given every message its UID, the walk,
+// uid_from_file and file_from_uid agree with its UID FETCH for every one, the
+// sizes are the files' lengths, and the store's size is read from
+// "maildirsize".
+TEST_F(ZeMaildirDovecotTest, NamesWithoutCommaAndStockFileNamesAgreeWithTheServer) {
+    const std::vector<std::string> files = corpusFiles();
+    if (files.empty()) {
+        GTEST_SKIP() << "no corpus at " << ZEMAIL_CORPUS_DIR;
+    }
+    for (const char* link : {"/.dovecot-uidlist", "/.maildirsize"}) {
+        ASSERT_EQ(0, ::unlink((maildir + link).c_str())) << link;
+    }
+    std::map<std::string, std::string> bytesOf;  // base name -> contents
+    long long total = 0;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        const std::string bytes = zetest::read_file(files[i]);
+        const std::string base =
+            std::to_string(1700000000 + i) + ".M" + std::to_string(i) + "P7.host";
+        const std::string stem = i % 2 == 0 ? base : base + ",S=" + std::to_string(bytes.size());
+        std::ofstream(maildir + "/new/" + stem + ":2," + (i % 3 == 0 ? "S" : "")) << bytes;
+        bytesOf[base] = bytes;
+        total += static_cast<long long>(bytes.size());
+    }
+    server->fix_ownership();
+    auto view = serverView("q GETQUOTAROOT INBOX\n");
+    ASSERT_EQ(files.size(), view.size()) << server->log();
+
+    ZeMaildir box(ZeMUserRef(), maildir, 0ul);
+    std::map<unsigned long, std::string> walked;  // UID -> base name
+    box.reset();
+    while (box.next() == 1) {
+        ZeMessageRef& m = box.fetch();
+        const std::string name = m->env()->msgID();
+        ASSERT_TRUE(view.count(m->uid())) << name;
+        const std::string& fname = view[m->uid()].name;
+        EXPECT_EQ(fname.substr(0, fname.find(',')), m->basename()) << name;
+        EXPECT_EQ(m->uid(), box.uid_from_file(name)) << name;
+        EXPECT_EQ(m->basename(), box.file_from_uid(m->uid())) << name;
+        EXPECT_EQ(bytesOf[m->basename()].size(), m->env()->size()) << name;
+        walked[m->uid()] = m->basename();
+    }
+    EXPECT_EQ(files.size(), walked.size());
+
+    long long bytes = 0;
+    long long count = 0;
+    ASSERT_EQ(0, vtl_get_maildirsize(1, maildir, &bytes, &count)) << server->log();
+    EXPECT_EQ(total, bytes);
+    EXPECT_EQ(static_cast<long long>(files.size()), count);
 }
 
 // What one mailbox says about one message: everything the two paths must

@@ -373,6 +373,15 @@ TEST_F(ZeUIDListTest, BadFilesGiveUnknownAnswersAndAreLeftAsTheyWere) {
     EXPECT_EQ(kUnknown, list().uid("one"));
 }
 
+TEST_F(ZeUIDListTest, StockServerFileWithoutTheDotIsReadWhenTheDottedOneIsMissing) {
+    dir.write("dovecot-uidlist", kHeader + "4 :four\n");
+    ASSERT_EQ(0, ::symlink("dovecot-uidlist.gone", file().c_str()));  // dangling
+    EXPECT_EQ(4u, list().uid("four"));
+    ASSERT_EQ(0, ::unlink(file().c_str()));
+    write(kHeader + "5 :five\n", 1000);
+    EXPECT_EQ(5u, list().uid("five"));  // the dotted file, once there, is the one read
+}
+
 TEST_F(ZeUIDListTest, EmptyAndHeaderOnlyFilesAreEmptyLists) {
     write("", 1000);
     EXPECT_EQ(kUnknown, list().match(""));
