@@ -582,12 +582,13 @@ std::string undotted(const std::string& path) {
 
 }  // namespace
 
-ZeUIDListImpl::ZeUIDListImpl(const std::string& uidlistFile)
+ZeUIDListImpl::ZeUIDListImpl(const std::string& uidlistFile, std::size_t maxBytes)
     : file(uidlistFile),
       loaded(false),
       parsedOk(true),
       mtime(0),
       fallback(undotted(uidlistFile)),
+      maxFileBytes(maxBytes),
       namesFollowUids(true) {}
 
 bool ZeUIDListImpl::parseRecord(const char* line, std::size_t length, std::uint64_t* uidOut,
@@ -601,6 +602,9 @@ bool ZeUIDListImpl::parseRecord(const char* line, std::size_t length, std::uint6
 }
 
 bool ZeUIDListImpl::_read_records(int fd, std::size_t fileSize, Batch* batch) {
+    // A file larger than the cap (a sparse one says 1 TiB) sizes nothing
+    // beyond it: only its first maxFileBytes bytes are read.
+    fileSize = std::min(fileSize, maxFileBytes);
     const std::size_t bufferSize = std::max(kMinChunk, std::min(kChunk, fileSize + 1));
     // Zeroed so that the bytes read past the data are defined.
     std::unique_ptr<char[]> buffer(new char[bufferSize + kSlack]());
@@ -666,7 +670,9 @@ bool ZeUIDListImpl::_read_records(int fd, std::size_t fileSize, Batch* batch) {
     auto readAll = [&]() {
         std::size_t start = 0;
         std::size_t end = 0;
+        std::size_t budget = maxFileBytes;
         bool eof = false;
+        bool capped = false;
         bool header = true;
         bool ok = true;
         for (;;) {
@@ -697,8 +703,9 @@ bool ZeUIDListImpl::_read_records(int fd, std::size_t fileSize, Batch* batch) {
             if (eof) {
                 // The last line, without a feed: it gets one and goes the
                 // way of the others (the buffer has room after the data,
-                // which is less than a line since the last read).
-                if (rest > 0 && !header) {
+                // which is less than a line since the last read). A line
+                // the cap cut is dropped.
+                if (rest > 0 && !header && !capped) {
                     data[end] = '\n';
                     scan(data + start, data + end + 1, kMaxLastLine, &ok);
                 }
@@ -707,10 +714,17 @@ bool ZeUIDListImpl::_read_records(int fd, std::size_t fileSize, Batch* batch) {
             std::memmove(data, data + start, rest);
             start = 0;
             end = rest;
+            const std::size_t room = std::min(bufferSize - end, budget);
+            if (room == 0) {
+                eof = true;
+                capped = true;
+                continue;
+            }
             for (;;) {
-                ssize_t got = ::read(fd, data + end, bufferSize - end);
+                ssize_t got = ::read(fd, data + end, room);
                 if (got > 0) {
                     end += static_cast<std::size_t>(got);
+                    budget -= static_cast<std::size_t>(got);
                     break;
                 }
                 if (got < 0 && errno == EINTR) {
@@ -866,13 +880,14 @@ void ZeUIDListImpl::LoadUIDList() {
         if (parsedOk) {
             _add_batch(&batch, arenaBefore);
         }
-    } catch (...) {
-        // Out of memory part way: the maps may be half merged. The next
-        // lookup starts again from an empty list.
+    } catch (const std::bad_alloc&) {
+        // Out of memory part way: the maps may be half merged. Lookups give
+        // the unknown answers, and the next one starts again from an empty
+        // list.
         _clear();
         loaded = false;
         mtime = 0;
-        throw;
+        return;
     }
     if (!parsedOk) {
         _clear();

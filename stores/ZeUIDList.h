@@ -163,10 +163,17 @@ public:
     // The line buffer: a line with its line feed must fit, so it has at most
     // kLineBufferSize - 2 bytes before the line feed.
     static constexpr std::size_t kLineBufferSize = 1024;
+    // Bytes of the file read at most, which bounds what a list reserves and
+    // holds (the names, plus 16 to 32 bytes a record of at least 5 bytes).
+    // A server's list of 1,000,000 messages takes some 60 MB; a larger file
+    // (a sparse one may say 1 TiB) is read up to here, its later records
+    // unknown.
+    static constexpr std::size_t kMaxFileBytes = std::size_t{256} << 20;
 
     // A list for the file at that path (when it is missing, the same name
     // without its leading "."); nothing is read before the first lookup.
-    explicit ZeUIDListImpl(const std::string& uidlistFile);
+    // maxBytes lowers the cap for tests.
+    explicit ZeUIDListImpl(const std::string& uidlistFile, std::size_t maxBytes = kMaxFileBytes);
 
     std::string basename(unsigned long uid) override;
     unsigned long uid(const std::string& name) override;
@@ -227,6 +234,7 @@ private:
     // <folder>/dovecot-uidlist, read when file is missing ("" when file's
     // name has no leading ".").
     std::string fallback;
+    const std::size_t maxFileBytes;  // bytes of the file read at most
     // The bytes of the base names the maps refer to, back to back; the two
     // entries a record gives share one copy.
     ZeUIDListArray<char> names;

@@ -382,6 +382,31 @@ TEST_F(ZeUIDListTest, StockServerFileWithoutTheDotIsReadWhenTheDottedOneIsMissin
     EXPECT_EQ(5u, list().uid("five"));  // the dotted file, once there, is the one read
 }
 
+// A sparse file of 1 TiB made every lookup throw std::bad_alloc: what is
+// reserved and read is capped, and the records before the hole still count.
+TEST_F(ZeUIDListTest, HugeSparseFileAnswersInsteadOfThrowingBadAlloc) {
+    write(kHeader + "1 :one\n", 1000);
+    ASSERT_EQ(0, ::truncate(file().c_str(), off_t{1} << 40));
+    EXPECT_EQ(1u, list().uid("one"));
+    EXPECT_EQ(kUnknown, list().uid("two"));
+    EXPECT_EQ("", list().basename(2));
+}
+
+TEST_F(ZeUIDListTest, ReadingStopsAfterTheByteCapDroppingTheLineItCuts) {
+    write(kHeader + "1 :one\n2 :two\n3 :three\n", 1000);
+    const std::pair<std::size_t, const char*> rows[] = {
+        {kHeader.size() + 11, ""},  // "2 :tw" cut
+        {kHeader.size() + 13, ""},  // "2 :two" without its feed: maybe cut
+        {kHeader.size() + 14, "two"},
+    };
+    for (const auto& row : rows) {
+        ZeUIDListImpl capped(file(), row.first);
+        EXPECT_EQ("one", capped.basename(1)) << row.first;
+        EXPECT_EQ(row.second, capped.basename(2)) << row.first;
+        EXPECT_EQ("", capped.basename(3)) << row.first;
+    }
+}
+
 TEST_F(ZeUIDListTest, EmptyAndHeaderOnlyFilesAreEmptyLists) {
     write("", 1000);
     EXPECT_EQ(kUnknown, list().match(""));
