@@ -54,12 +54,11 @@ ZeMaildirMsgEnv::ZeMaildirMsgEnv(const std::string& dir, std::string name, unsig
       m_uid(uid),
       m_flagchars(ZeMaildirName::flagChars(m_name)),
       m_size(0),
-      m_size_known(ZeMaildirName::sizeFromName(m_name, &m_size)),
-      m_msgid(m_name) {}
-
-unsigned long ZeMaildirMsgEnv::size() {
-    if (!m_size_known) {
-        m_size_known = true;
+      m_msgid(m_name) {
+    // Taken now, not on the first size(): by then the server may have
+    // renamed the file, and a stat of the old name would give 0.
+    if (!ZeMaildirName::sizeFromName(m_name, &m_size) &&
+        !ZeMaildirName::serverSizeFromName(m_name, &m_size)) {
         struct stat st;
         if (::stat((m_dir + m_name).c_str(), &st) == 0 && st.st_size > 0) {
             const auto max = std::numeric_limits<std::uint32_t>::max();
@@ -68,7 +67,6 @@ unsigned long ZeMaildirMsgEnv::size() {
                          : static_cast<std::uint32_t>(st.st_size);
         }
     }
-    return m_size;
 }
 
 ZeMessageFlags ZeMaildirMsgEnv::status() {
@@ -344,8 +342,10 @@ int ZeMaildir::expunge() {
         if (hidden(entry->d_name)) {
             continue;
         }
-        ZeMaildirMsgEnv env(dir, entry->d_name, 0);
-        if (env.status().test(ZeMessageFlags::DELETED)) {
+        // The letters alone, as an envelope's status() gives them, without
+        // the stat an envelope may make for its size.
+        const ZeMaildirName::FlagChars letters = ZeMaildirName::flagChars(entry->d_name);
+        if ((ZeMaildirName::flagBits(letters) & ZeMessageFlags::DELETED) != 0) {
             ::unlink((dir + entry->d_name).c_str());
         }
     }

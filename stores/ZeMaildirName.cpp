@@ -76,6 +76,26 @@ bool sizeFromName(const std::string& name, std::uint32_t* size) {
     return true;
 }
 
+bool serverSizeFromName(const std::string& name, std::uint32_t* size) {
+    const std::string::size_type info = infoStart(name);
+    // The "," of ":2," is no field of the name: the search ends before it.
+    const std::string::size_type end = info == std::string::npos ? name.size() : info - 1;
+    const std::string::size_type at = name.find(kServerSize);
+    if (at == std::string::npos || at >= end) {
+        return false;
+    }
+    const char* digits = name.data() + at + sizeof kServerSize - 1;
+    const char* stop = name.data() + name.size();
+    std::uint64_t value = 0;
+    const std::from_chars_result read = std::from_chars(digits, stop, value);
+    if (read.ptr == digits || (read.ptr != stop && *read.ptr != ',' && *read.ptr != ':')) {
+        return false;
+    }
+    const std::uint64_t max = std::numeric_limits<std::uint32_t>::max();
+    *size = static_cast<std::uint32_t>(read.ec == std::errc() && value < max ? value : max);
+    return true;
+}
+
 time_t date(const std::string& name) {
     if (name.empty() || name[0] < '0' || name[0] > '9') {
         return 0;

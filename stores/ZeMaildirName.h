@@ -21,6 +21,8 @@
 // - ",#F#S#" followed by digits carries the size in bytes. The composer's own
 //   spelling ",#F#S<digits>#E" (no "#" before the digits) is not this marker:
 //   such a name has no size of its own and the file's length is used.
+// - The IMAP server writes the file's length as ",S=<digits>" before the info
+//   part (1700000000.M1P1.host,S=4711,W=4790:2,S); that is a size too.
 // - ",U<uid>" is read only as the end of the stable prefix of a name (see
 //   stablePrefix).
 //
@@ -72,6 +74,11 @@ unsigned long flagBits(const FlagChars& letters);
 // The size written after ",#F#S#" (the number strtoul reads there, capped at
 // 4294967295). False, and size untouched, when the marker is absent.
 bool sizeFromName(const std::string& name, std::uint32_t* size);
+
+// The size the IMAP server writes into its names: ",S=" and at least one
+// digit, ended by ",", ":" or the end of the name, before the info part
+// (capped at 4294967295). False, and size untouched, without one.
+bool serverSizeFromName(const std::string& name, std::uint32_t* size);
 
 // The leading decimal digits as seconds since 1970; 0 when the name does not
 // begin with a digit, the largest time_t when the digits overflow it.
