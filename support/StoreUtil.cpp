@@ -337,8 +337,15 @@ void account_removal(const std::string& message_path, long long size) {
     if (fd >= 0) {
         Fd guard(fd);
         const std::string line = "-" + std::to_string(size) + " -1\n";
-        // A failed append only leaves the total high until the next recount.
-        (void)!write(fd, line.data(), line.size());
+        struct stat before;
+        const bool measured = fstat(fd, &before) == 0;
+        const ssize_t wrote = write(fd, line.data(), line.size());
+        // A full disk may take part of the line: it is cut off again, or the
+        // next line appended would join it and break the file. A failed
+        // append only leaves the total high until the next recount.
+        if (measured && wrote > 0 && wrote < static_cast<ssize_t>(line.size())) {
+            (void)!ftruncate(fd, before.st_size);
+        }
     }
     unlink((folder + kCacheFile).c_str());
 }
