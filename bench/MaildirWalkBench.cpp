@@ -1,7 +1,8 @@
 // Walking a Maildir folder of 100,000 messages as the IMAP server leaves one,
 // through ZeMaildir, against a bare C loop (maildir_walk_floor.c), Python's
-// mailbox.Maildir (maildir_walk_python.py, in a child process) and vmime's
-// maildir store (MaildirWalkVmime.cpp, when libvmime-dev is installed).
+// mailbox.Maildir (maildir_walk_python.py, in a child process), vmime's
+// maildir store (MaildirWalkVmime.cpp, when libvmime-dev is installed) and
+// libetpan's maildir driver (MaildirWalkEtpan.cpp, when libetpan-dev is).
 //
 // The folder: files in cur/ named
 //   1700000000.M123456P4242.mail.example.org,S=<size>,W=<size with CRLF>:2,<letters>
@@ -30,7 +31,9 @@
 //                            (outside the time), so the walk reads it again;
 //   BM_Python_*              see maildir_walk_python.py (Python's own
 //                            perf_counter time, taken as manual time);
-//   BM_Vmime_Envelope/Headers see MaildirWalkVmime.cpp.
+//   BM_Vmime_Envelope/Headers see MaildirWalkVmime.cpp;
+//   BM_Etpan_EnvelopeSize    flags, size and libetpan's UID of every message,
+//                            see MaildirWalkEtpan.cpp.
 //
 // Counters: per_msg is the CPU column per message (the manual time for
 // Python); usr_ns and sys_ns split this process's CPU time per message into
@@ -68,6 +71,10 @@
 
 #ifdef ZEMAIL_WALK_VMIME
 long vmime_walk(const std::string& maildir, bool headers, unsigned long* seen, long* subjects);
+#endif
+#ifdef ZEMAIL_WALK_ETPAN
+long etpan_walk(const std::string& maildir, unsigned long* seen, std::uint64_t* sizes,
+                std::uint64_t* uidBytes);
 #endif
 
 namespace {
@@ -654,9 +661,35 @@ void BM_Vmime_Headers(benchmark::State& state) {
 }
 #endif
 
+// -------------------------------------------------------------- libetpan
+
+#ifdef ZEMAIL_WALK_ETPAN
+void BM_Etpan_EnvelopeSize(benchmark::State& state) {
+    const Data& d = data();
+    Totals t;
+    std::uint64_t uidBytes = 0;
+    const CpuTimes start = CpuTimes::now();
+    for (auto _ : state) {
+        const long walked = etpan_walk(d.folder.path, &t.seen, &t.sizeSum, &uidBytes);
+        if (walked < 0) {
+            state.SkipWithError("libetpan refused the folder");
+            return;
+        }
+        t.messages = static_cast<unsigned long>(walked);
+        benchmark::DoNotOptimize(uidBytes);
+    }
+    if (checkTotals(state, t, kCount | kSeen | kSize)) {
+        perMessage(state, &start);
+    }
+}
+#endif
+
 BENCHMARK(BM_Floor_Envelope)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Library_Envelope)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Library_EnvelopeSize)->Unit(benchmark::kMillisecond);
+#ifdef ZEMAIL_WALK_ETPAN
+BENCHMARK(BM_Etpan_EnvelopeSize)->Unit(benchmark::kMillisecond);
+#endif
 BENCHMARK(BM_Floor_EnvelopeColdMap)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Library_EnvelopeColdList)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Floor_Headers)->Unit(benchmark::kMillisecond);

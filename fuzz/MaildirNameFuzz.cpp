@@ -38,10 +38,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     std::string base = ZeMaildirName::basename(name);
     check(base.find(',') == std::string::npos && name.compare(0, base.size(), base) == 0,
-          "base name is the part before the first comma");
+          "base name is a prefix without a comma");
+    check(base.size() == name.size() || name[base.size()] == ',' ||
+              name.compare(base.size(), 3, kInfo2) == 0 ||
+              name.compare(base.size(), 3, kInfo3) == 0,
+          "base name ends at the first comma or at the info marker before it");
+    check(base.size() == baseLength(name.data(), name.size()), "base length");
     std::uint32_t bytes = 0;
     bool sized = sizeFromName(name, &bytes);
     check(sized == (name.find(kSizeMarker) != std::string::npos), "size marker");
+    check(!serverSizeFromName(name, &bytes) || name.find(kServerSize) != std::string::npos,
+          "server's size field");
     check(date(name) >= 0, "date");
     std::string::size_type prefix = stablePrefix(name);
     check(prefix == std::string::npos || prefix < name.size(), "stable prefix inside the name");

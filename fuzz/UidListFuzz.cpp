@@ -3,10 +3,13 @@
 // first, then the second after its modification time changed. Every answer is
 // compared with a plain reference reading of the same bytes, including the
 // rule that mappings from the first version stay and the first one seen wins.
+// A last byte below 64 also lowers the list's byte cap to a few bytes, so
+// that reading stops part way through the file.
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +23,16 @@
 namespace {
 
 const unsigned long kUnknown = static_cast<unsigned long>(-1);
+
+// A file name's base the obvious way: up to the first ",", ":2," or ":3,",
+// whichever comes first.
+std::string baseOf(const std::string& name) {
+    std::size_t end = name.find(',');
+    for (const char* marker : {":2,", ":3,"}) {
+        end = std::min(end, name.find(marker));
+    }
+    return name.substr(0, end);
+}
 
 void check(bool ok, const char* what) {
     if (!ok) {
@@ -37,8 +50,13 @@ struct Reference {
         byName.clear();
     }
 
-    // The file read the slow and obvious way.
-    void read(const std::string& text) {
+    // The file read the slow and obvious way, its first cap bytes only: a
+    // line they cut is dropped.
+    void read(std::string text, std::size_t cap) {
+        if (text.size() >= cap) {
+            text.resize(cap);
+            text.erase(text.rfind('\n') == std::string::npos ? 0 : text.rfind('\n') + 1);
+        }
         std::vector<std::string> lines;
         std::size_t pos = 0;
         while (pos < text.size()) {
@@ -77,8 +95,7 @@ struct Reference {
                 clear();
                 return;
             }
-            std::string name = line.substr(colon + 1);
-            name = name.substr(0, name.find(','));
+            std::string name = baseOf(line.substr(colon + 1));
             if (!name.empty()) {
                 byUid.emplace(uid, name);
                 byName.emplace(name, uid);
@@ -91,14 +108,21 @@ void compare(ZeUIDListImpl& list, const Reference& ref, const std::string& probe
     for (const auto& entry : ref.byUid) {
         check(list.basename(entry.first) == entry.second, "basename");
     }
+    auto uidOf = [&ref](const std::string& name) {
+        auto found = ref.byName.find(baseOf(name));
+        return found == ref.byName.end() ? kUnknown : found->second;
+    };
     for (const auto& entry : ref.byName) {
         check(list.uid(entry.first) == entry.second, "uid");
-        check(list.uid(entry.first + ",S=1:2,S") == entry.second, "uid of a full file name");
+        for (const char* tail : {",S=1:2,S", ":2,S", ":3,"}) {
+            check(list.uid(entry.first + tail) == uidOf(entry.first + tail),
+                  "uid of a full file name");
+        }
     }
     // Names and UIDs that may or may not be there, taken from the input.
     for (std::size_t at = 0; at + 4 <= probes.size() && at < 64; at += 4) {
         std::string piece = probes.substr(at, 4);
-        auto byName = ref.byName.find(piece.substr(0, piece.find(',')));
+        auto byName = ref.byName.find(baseOf(piece));
         check(list.uid(piece) == (byName == ref.byName.end() ? kUnknown : byName->second),
               "uid probe");
         unsigned long expected = kUnknown;
@@ -148,17 +172,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::string first = input.substr(0, cut);
     std::string second = input.substr(cut);
 
-    ZeUIDListImpl list(file.path());
+    const std::size_t cap =
+        data[size - 1] < 64 ? 1u + data[size - 1] * 13u : ZeUIDListImpl::kMaxFileBytes;
+
+    ZeUIDListImpl list(file.path(), cap);
     Reference ref;
     file.write(first, 1000);
-    ref.read(first);
+    ref.read(first, cap);
     compare(list, ref, second);
 
     // The second version adds to what the first left; a bad line in it
     // empties everything, the first version's mappings included.
     file.write(second, 2000);
     Reference merged = ref;
-    merged.read(second);
+    merged.read(second, cap);
     compare(list, merged, first);
     return 0;
 }

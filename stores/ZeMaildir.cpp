@@ -27,9 +27,10 @@ bool hidden(const char* name) {
     return name[0] == '.';
 }
 
-// Renames within one directory without ever replacing another file: two
-// files that differ only in their flag letters must not become one. Falls
-// back to a plain rename where the file system cannot refuse to replace.
+// Renames without ever replacing another file: two files that differ only
+// in their flag letters, or a new/ and a cur/ file of the same name, must
+// not become one. Falls back to a plain rename after an existence test
+// where the file system cannot refuse to replace.
 bool rename_no_replace(const std::string& from, const std::string& to) {
     if (from == to) {
         return ::access(from.c_str(), F_OK) == 0;
@@ -53,12 +54,11 @@ ZeMaildirMsgEnv::ZeMaildirMsgEnv(const std::string& dir, std::string name, unsig
       m_uid(uid),
       m_flagchars(ZeMaildirName::flagChars(m_name)),
       m_size(0),
-      m_size_known(ZeMaildirName::sizeFromName(m_name, &m_size)),
-      m_msgid(m_name) {}
-
-unsigned long ZeMaildirMsgEnv::size() {
-    if (!m_size_known) {
-        m_size_known = true;
+      m_msgid(m_name) {
+    // Taken now, not on the first size(): by then the server may have
+    // renamed the file, and a stat of the old name would give 0.
+    if (!ZeMaildirName::sizeFromName(m_name, &m_size) &&
+        !ZeMaildirName::serverSizeFromName(m_name, &m_size)) {
         struct stat st;
         if (::stat((m_dir + m_name).c_str(), &st) == 0 && st.st_size > 0) {
             const auto max = std::numeric_limits<std::uint32_t>::max();
@@ -67,7 +67,6 @@ unsigned long ZeMaildirMsgEnv::size() {
                          : static_cast<std::uint32_t>(st.st_size);
         }
     }
-    return m_size;
 }
 
 ZeMessageFlags ZeMaildirMsgEnv::status() {
@@ -218,8 +217,9 @@ void ZeMaildir::moveNewMessages() {
         return;
     }
     while (const dirent* entry = ::readdir(incoming.get())) {
+        // Never over a cur/ file of the same name: that is another message.
         if (!hidden(entry->d_name)) {
-            ::rename((from + entry->d_name).c_str(), (to + entry->d_name).c_str());
+            rename_no_replace(from + entry->d_name, to + entry->d_name);
         }
     }
 }
@@ -342,8 +342,10 @@ int ZeMaildir::expunge() {
         if (hidden(entry->d_name)) {
             continue;
         }
-        ZeMaildirMsgEnv env(dir, entry->d_name, 0);
-        if (env.status().test(ZeMessageFlags::DELETED)) {
+        // The letters alone, as an envelope's status() gives them, without
+        // the stat an envelope may make for its size.
+        const ZeMaildirName::FlagChars letters = ZeMaildirName::flagChars(entry->d_name);
+        if ((ZeMaildirName::flagBits(letters) & ZeMessageFlags::DELETED) != 0) {
             ::unlink((dir + entry->d_name).c_str());
         }
     }

@@ -41,9 +41,9 @@ class ZeMaildirMsgEnv : public ZeMessageEnv {
 public:
     // dir ends in "/"; uid is the UID-list answer ((unsigned long)-1 when the
     // list does not know the file) or 0 when the caller did not ask. Reads the
-    // flag letters and the size from the name; a name without a size marker
-    // takes the file's length (0 when it cannot be had), looked up on the
-    // first size() so that walks which never ask pay no stat.
+    // flag letters and the size from the name (",#F#S#<n>", else the server's
+    // ",S=<n>"); a name with neither takes the file's length from a stat made
+    // here (0 when it cannot be had), so that a later rename does not lose it.
     ZeMaildirMsgEnv(const std::string& dir, std::string name, unsigned long uid);
 
     // The flags whose Maildir letters stand in the name.
@@ -55,7 +55,7 @@ public:
     // The delivery time at the start of the name; 0 when it has none.
     time_t date() override { return ZeMaildirName::date(m_name); }
     std::string from() override { return std::string(); }
-    unsigned long size() override;
+    unsigned long size() override { return m_size; }
 
     // Adds (removes) the Maildir letter of flag and renames the file. A flag
     // without a letter does nothing; a failed rename leaves everything as it
@@ -77,7 +77,6 @@ private:
     std::uint64_t m_uid;
     ZeMaildirName::FlagChars m_flagchars;
     std::uint32_t m_size;
-    bool m_size_known;    // false until the file's length was looked up
     std::string m_msgid;  // kept equal to m_name
 };
 
@@ -169,7 +168,8 @@ public:
     // unknown), and the base name it gives a UID ("" when unknown).
     unsigned long uid_from_file(const std::string& name);
     std::string file_from_uid(unsigned long uid);
-    // Renames every file of new/ into cur/ under the same name.
+    // Renames every file of new/ into cur/ under the same name; a file whose
+    // name cur/ already holds stays in new/.
     void moveNewMessages();
 
     const std::string& path() const { return m_path; }

@@ -2,7 +2,9 @@
 
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 
 #include "model/ZeMessageFlags.h"
@@ -29,7 +31,15 @@ unsigned long flagBits(const FlagChars& letters) {
 }
 
 std::string basename(const std::string& name) {
-    return name.substr(0, name.find(','));
+    return name.substr(0, baseLength(name.data(), name.size()));
+}
+
+std::size_t baseLength(const char* name, std::size_t length) {
+    const void* comma = std::memchr(name, ',', length);
+    return comma == nullptr
+               ? length
+               : baseLengthAtComma(
+                     name, static_cast<std::size_t>(static_cast<const char*>(comma) - name));
 }
 
 std::string::size_type infoStart(const std::string& name) {
@@ -63,6 +73,26 @@ bool sizeFromName(const std::string& name, std::uint32_t* size) {
     unsigned long value = std::strtoul(name.c_str() + at + sizeof kSizeMarker - 1, nullptr, 10);
     const unsigned long max = std::numeric_limits<std::uint32_t>::max();
     *size = static_cast<std::uint32_t>(value > max ? max : value);
+    return true;
+}
+
+bool serverSizeFromName(const std::string& name, std::uint32_t* size) {
+    const std::string::size_type info = infoStart(name);
+    // The "," of ":2," is no field of the name: the search ends before it.
+    const std::string::size_type end = info == std::string::npos ? name.size() : info - 1;
+    const std::string::size_type at = name.find(kServerSize);
+    if (at == std::string::npos || at >= end) {
+        return false;
+    }
+    const char* digits = name.data() + at + sizeof kServerSize - 1;
+    const char* stop = name.data() + name.size();
+    std::uint64_t value = 0;
+    const std::from_chars_result read = std::from_chars(digits, stop, value);
+    if (read.ptr == digits || (read.ptr != stop && *read.ptr != ',' && *read.ptr != ':')) {
+        return false;
+    }
+    const std::uint64_t max = std::numeric_limits<std::uint32_t>::max();
+    *size = static_cast<std::uint32_t>(read.ec == std::errc() && value < max ? value : max);
     return true;
 }
 

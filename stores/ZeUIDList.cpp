@@ -19,6 +19,7 @@
 
 #include <boost/make_shared.hpp>
 
+#include "stores/ZeMaildirName.h"
 #include "support/Debug.h"
 
 // How a read goes. The file is read in chunks into one buffer reused for the
@@ -80,10 +81,9 @@ bool is_blank(char c) {
     return c == ' ' || c == '\t';
 }
 
-// The base name: a file name up to its first ",".
+// The base name: a file name up to its first "," or its info marker.
 std::size_t base_length(const std::string& name) {
-    std::size_t comma = name.find(',');
-    return comma == std::string::npos ? name.size() : comma;
+    return ZeMaildirName::baseLength(name.data(), name.size());
 }
 
 // Byte order of names, the order of std::string's comparison.
@@ -135,10 +135,9 @@ inline bool parse_line(const char* line, const char* end, std::uint64_t* uidOut,
         return false;
     }
     const char* name = colon + 1;
-    const void* comma = std::memchr(name, ',', static_cast<std::size_t>(end - name));
     *uidOut = value;
     *nameOut = name;
-    *nameEnd = comma != nullptr ? static_cast<const char*>(comma) : end;
+    *nameEnd = name + ZeMaildirName::baseLength(name, static_cast<std::size_t>(end - name));
     return true;
 }
 
@@ -378,11 +377,14 @@ ScanEnd scan_records(const char** line, const char* stop, std::size_t maxLength,
                 if (feeds != 0) {
                     const unsigned at = static_cast<unsigned>(__builtin_ctzll(feeds));
                     commas &= (std::uint64_t{1} << at) - 1;
-                    nameEnd = name + (commas != 0 ? __builtin_ctzll(commas) : at);
+                    nameEnd = commas != 0 ? name + ZeMaildirName::baseLengthAtComma(
+                                                       name, __builtin_ctzll(commas))
+                                          : name + at;
                     feed = name + at;
                 } else if (commas != 0) {
-                    nameEnd = name + __builtin_ctzll(commas);
-                    feed = find_feed(nameEnd + 1);
+                    const std::size_t comma = __builtin_ctzll(commas);
+                    nameEnd = name + ZeMaildirName::baseLengthAtComma(name, comma);
+                    feed = find_feed(name + comma + 1);
                 }
                 if (feed != nullptr) {
                     if (static_cast<std::size_t>(feed - p) > maxLength) {
@@ -557,15 +559,37 @@ public:
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
     int get() const { return m_fd; }
+    void reset(int fd) {
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+        m_fd = fd;
+    }
 
 private:
     int m_fd;
 };
 
+// The stock server's name of a list file: the same without the leading ".".
+std::string undotted(const std::string& path) {
+    const std::string::size_type slash = path.rfind('/');
+    const std::string::size_type name = slash == std::string::npos ? 0 : slash + 1;
+    if (path.compare(name, 1, ".") != 0 || path.size() == name + 1) {
+        return std::string();
+    }
+    return path.substr(0, name) + path.substr(name + 1);
+}
+
 }  // namespace
 
-ZeUIDListImpl::ZeUIDListImpl(const std::string& uidlistFile)
-    : file(uidlistFile), loaded(false), parsedOk(true), mtime(0), namesFollowUids(true) {}
+ZeUIDListImpl::ZeUIDListImpl(const std::string& uidlistFile, std::size_t maxBytes)
+    : file(uidlistFile),
+      loaded(false),
+      parsedOk(true),
+      mtime(0),
+      fallback(undotted(uidlistFile)),
+      maxFileBytes(maxBytes),
+      namesFollowUids(true) {}
 
 bool ZeUIDListImpl::parseRecord(const char* line, std::size_t length, std::uint64_t* uidOut,
                                 const char** nameOut, std::size_t* nameLength) {
@@ -578,6 +602,9 @@ bool ZeUIDListImpl::parseRecord(const char* line, std::size_t length, std::uint6
 }
 
 bool ZeUIDListImpl::_read_records(int fd, std::size_t fileSize, Batch* batch) {
+    // A file larger than the cap (a sparse one says 1 TiB) sizes nothing
+    // beyond it: only its first maxFileBytes bytes are read.
+    fileSize = std::min(fileSize, maxFileBytes);
     const std::size_t bufferSize = std::max(kMinChunk, std::min(kChunk, fileSize + 1));
     // Zeroed so that the bytes read past the data are defined.
     std::unique_ptr<char[]> buffer(new char[bufferSize + kSlack]());
@@ -643,7 +670,9 @@ bool ZeUIDListImpl::_read_records(int fd, std::size_t fileSize, Batch* batch) {
     auto readAll = [&]() {
         std::size_t start = 0;
         std::size_t end = 0;
+        std::size_t budget = maxFileBytes;
         bool eof = false;
+        bool capped = false;
         bool header = true;
         bool ok = true;
         for (;;) {
@@ -674,8 +703,9 @@ bool ZeUIDListImpl::_read_records(int fd, std::size_t fileSize, Batch* batch) {
             if (eof) {
                 // The last line, without a feed: it gets one and goes the
                 // way of the others (the buffer has room after the data,
-                // which is less than a line since the last read).
-                if (rest > 0 && !header) {
+                // which is less than a line since the last read). A line
+                // the cap cut is dropped.
+                if (rest > 0 && !header && !capped) {
                     data[end] = '\n';
                     scan(data + start, data + end + 1, kMaxLastLine, &ok);
                 }
@@ -684,10 +714,17 @@ bool ZeUIDListImpl::_read_records(int fd, std::size_t fileSize, Batch* batch) {
             std::memmove(data, data + start, rest);
             start = 0;
             end = rest;
+            const std::size_t room = std::min(bufferSize - end, budget);
+            if (room == 0) {
+                eof = true;
+                capped = true;
+                continue;
+            }
             for (;;) {
-                ssize_t got = ::read(fd, data + end, bufferSize - end);
+                ssize_t got = ::read(fd, data + end, room);
                 if (got > 0) {
                     end += static_cast<std::size_t>(got);
+                    budget -= static_cast<std::size_t>(got);
                     break;
                 }
                 if (got < 0 && errno == EINTR) {
@@ -821,7 +858,11 @@ void ZeUIDListImpl::_clear() {
 void ZeUIDListImpl::LoadUIDList() {
     // O_NONBLOCK: a FIFO put in the file's place must not stall the caller;
     // anything but a regular file counts as unreadable.
-    FileDescriptor fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    const int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    FileDescriptor fd(::open(file.c_str(), flags));
+    if (fd.get() < 0 && errno == ENOENT && !fallback.empty()) {
+        fd.reset(::open(fallback.c_str(), flags));
+    }
     struct stat st;
     if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         _clear();
@@ -839,13 +880,14 @@ void ZeUIDListImpl::LoadUIDList() {
         if (parsedOk) {
             _add_batch(&batch, arenaBefore);
         }
-    } catch (...) {
-        // Out of memory part way: the maps may be half merged. The next
-        // lookup starts again from an empty list.
+    } catch (const std::bad_alloc&) {
+        // Out of memory part way: the maps may be half merged. Lookups give
+        // the unknown answers, and the next one starts again from an empty
+        // list.
         _clear();
         loaded = false;
         mtime = 0;
-        throw;
+        return;
     }
     if (!parsedOk) {
         _clear();

@@ -3,7 +3,9 @@
 
 // The IMAP UIDs of the files of a Maildir folder, as the IMAP server records
 // them in "<folder>/.dovecot-uidlist". The Maildir back-end asks here so that
-// it reports the same UIDs as the IMAP path.
+// it reports the same UIDs as the IMAP path. A folder without that file is
+// read through "<folder>/dovecot-uidlist", the name a stock Dovecot uses (the
+// appliance's server keeps the dotted one).
 //
 // The file as read (read only, never written):
 //
@@ -13,12 +15,14 @@
 //
 // A record is a decimal UID (not 0, first character a digit, at most 64 bits),
 // exactly one blank (space or tab) right after the digits, then any text up
-// to the first ":", then the file name up to its first "," or the line end;
-// the stored name is the Maildir base name. Reading stops at the first line
-// that breaks this (and then forgets everything read so far), at the end of
-// the file, and at a line that does not fit a 1024-byte line buffer (1023
-// bytes with its line feed; records before it are kept). A record with an
-// empty name is skipped: no file can have it.
+// to the first ":", then the file name up to its first "," (or its ":2," /
+// ":3," info marker when that comes first, stores/ZeMaildirName.h) or the
+// line end; the stored name is the Maildir base name. Reading stops at the
+// first line that breaks this (and then forgets everything read so far), at
+// the end of the file, at a line that does not fit a 1024-byte line buffer
+// (1023 bytes with its line feed; records before it are kept), and after
+// kMaxFileBytes bytes (records wholly before them are kept). A record with
+// an empty name is skipped: no file can have it.
 //
 // The maps keep the first mapping they see for a UID and for a name, and a
 // re-read after the file changed adds to them without emptying them: once
@@ -52,8 +56,8 @@ public:
     virtual ~ZeUIDList__() = default;
     // The base name of the file with that UID, or "".
     virtual std::string basename(unsigned long uid) = 0;
-    // The UID of a file; name is cut at its first ",". (unsigned long)-1 when
-    // unknown.
+    // The UID of a file; name is cut to its base name. (unsigned long)-1
+    // when unknown.
     virtual unsigned long uid(const std::string& name) = 0;
     // The UID of the first entry, in ascending byte order of base names,
     // whose base name contains name anywhere (an empty name is in every
@@ -159,10 +163,17 @@ public:
     // The line buffer: a line with its line feed must fit, so it has at most
     // kLineBufferSize - 2 bytes before the line feed.
     static constexpr std::size_t kLineBufferSize = 1024;
+    // Bytes of the file read at most, which bounds what a list reserves and
+    // holds (the names, plus 16 to 32 bytes a record of at least 5 bytes).
+    // A server's list of 1,000,000 messages takes some 60 MB; a larger file
+    // (a sparse one may say 1 TiB) is read up to here, its later records
+    // unknown.
+    static constexpr std::size_t kMaxFileBytes = std::size_t{256} << 20;
 
-    // A list for the file at that path; nothing is read before the first
-    // lookup.
-    explicit ZeUIDListImpl(const std::string& uidlistFile);
+    // A list for the file at that path (when it is missing, the same name
+    // without its leading "."); nothing is read before the first lookup.
+    // maxBytes lowers the cap for tests.
+    explicit ZeUIDListImpl(const std::string& uidlistFile, std::size_t maxBytes = kMaxFileBytes);
 
     std::string basename(unsigned long uid) override;
     unsigned long uid(const std::string& name) override;
@@ -220,6 +231,10 @@ private:
     bool parsedOk;     // the last read met no malformed line
     time_t mtime;      // the file's modification time when last read
     boost::mutex mutex;
+    // <folder>/dovecot-uidlist, read when file is missing ("" when file's
+    // name has no leading ".").
+    std::string fallback;
+    const std::size_t maxFileBytes;  // bytes of the file read at most
     // The bytes of the base names the maps refer to, back to back; the two
     // entries a record gives share one copy.
     ZeUIDListArray<char> names;

@@ -31,6 +31,8 @@ constexpr int kMaxTreeDepth = 32;
 
 const char kCacheFile[] = "/.vt_folder_size";
 const char kQuotaFile[] = "/.maildirsize";
+// The quota file under the name a stock Dovecot gives it.
+const char kStockQuotaFile[] = "maildirsize";
 const char kFolderMarker[] = "/maildirfolder";
 
 std::string safe(const char* text) {
@@ -303,6 +305,21 @@ bool exists(const std::string& path) {
     return lstat(path.c_str(), &st) == 0;
 }
 
+// Opens a size file for reading or appending. "<store>/.maildirsize" is the
+// name the appliance's server keeps; when it does not exist (a dangling link
+// included), the stock server's "<store>/maildirsize" is opened instead.
+int open_size_file(const std::string& path, int flags) {
+    const int fd = open_regular(path, flags);
+    const std::size_t dotted = sizeof kQuotaFile - 1;
+    struct stat st;
+    if (fd >= 0 || path.size() < dotted ||
+        path.compare(path.size() - dotted, dotted, kQuotaFile) != 0 ||
+        stat(path.c_str(), &st) == 0 || errno != ENOENT) {
+        return fd;
+    }
+    return open_regular(path.substr(0, path.size() - dotted + 1) + kStockQuotaFile, flags);
+}
+
 // After a message of <folder> went: the store's quota file learns about it
 // and the folder's size cache goes.
 void account_removal(const std::string& message_path, long long size) {
@@ -316,12 +333,19 @@ void account_removal(const std::string& message_path, long long size) {
         return;
     }
     const std::string store = exists(folder + kFolderMarker) ? parent_of(folder) : folder;
-    const int fd = open_regular(store + kQuotaFile, O_WRONLY | O_APPEND);
+    const int fd = open_size_file(store + kQuotaFile, O_WRONLY | O_APPEND);
     if (fd >= 0) {
         Fd guard(fd);
         const std::string line = "-" + std::to_string(size) + " -1\n";
-        // A failed append only leaves the total high until the next recount.
-        (void)!write(fd, line.data(), line.size());
+        struct stat before;
+        const bool measured = fstat(fd, &before) == 0;
+        const ssize_t wrote = write(fd, line.data(), line.size());
+        // A full disk may take part of the line: it is cut off again, or the
+        // next line appended would join it and break the file. A failed
+        // append only leaves the total high until the next recount.
+        if (measured && wrote > 0 && wrote < static_cast<ssize_t>(line.size())) {
+            (void)!ftruncate(fd, before.st_size);
+        }
     }
     unlink((folder + kCacheFile).c_str());
 }
@@ -386,7 +410,7 @@ int vtl_read_mail_folder_size(const char* file, long long* bytes, long long* cou
     if (path.empty()) {
         return VTL_SIZE_UNREADABLE;
     }
-    const int fd = open_regular(path, O_RDONLY);
+    const int fd = open_size_file(path, O_RDONLY);
     if (fd < 0) {
         return VTL_SIZE_UNREADABLE;
     }

@@ -11,7 +11,8 @@
 //   <mail path>/{cur,new,tmp}          the inbox
 //   <mail path>/.A.B/{cur,new,tmp}     folder "A/B", with an empty file
 //                                      "maildirfolder" in it
-//   <mail path>/.maildirsize           the user's quota bookkeeping
+//   <mail path>/.maildirsize           the user's quota bookkeeping (a stock
+//                                      Dovecot's "maildirsize" when missing)
 //   <folder dir>/.vt_folder_size       a folder's size cache
 //
 // Size files (".maildirsize" and ".vt_folder_size") use the Maildir++ quota
@@ -57,6 +58,7 @@ int vtl_parse_mail_folder_size(const char* data, std::size_t length, long long* 
 
 // Reads a size file (".maildirsize", ".vt_folder_size"); follows symbolic
 // links, refuses anything that is not a regular file (a FIFO never blocks).
+// A ".maildirsize" that does not exist is read as "maildirsize" beside it.
 // Returns a VtlSizeResult; the outputs are written only on VTL_SIZE_OK.
 int vtl_read_mail_folder_size(const char* file, long long* bytes, long long* count);
 inline int vtl_read_mail_folder_size(const std::string& file, long long* bytes, long long* count) {
@@ -146,10 +148,10 @@ enum VtlUnlinkOption : int {
 
 // Removes one message file <folder>/{cur,new}/<name>. Unless told not to, it
 // then keeps the sizes right: appends "-<bytes> -1" to the store's
-// ".maildirsize" when that file exists (the store is the folder itself for
-// the inbox, its parent for a folder with "maildirfolder") and removes the
-// folder's size cache. Returns 0, or -1 when the file is not a regular file
-// or cannot be removed (nothing is changed then).
+// ".maildirsize" (or "maildirsize") when that file exists (the store is the
+// folder itself for the inbox, its parent for a folder with "maildirfolder")
+// and removes the folder's size cache. Returns 0, or -1 when the file is not
+// a regular file or cannot be removed (nothing is changed then).
 int vtl_maildir_unlink_mail(const char* path, int options);
 inline int vtl_maildir_unlink_mail(const std::string& path, int options) {
     return vtl_maildir_unlink_mail(path.c_str(), options);

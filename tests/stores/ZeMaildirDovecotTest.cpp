@@ -4,12 +4,20 @@
 #include "stores/ZeMaildir.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <fstream>
 #include <sstream>
 #include <map>
 #include <regex>
+#include <set>
 #include <thread>
 #include <tuple>
 
@@ -18,6 +26,7 @@
 #include "imap/ZeImapClient.h"
 #include "model/ZeMScopes.h"
 #include "support/Paths.h"
+#include "support/StoreUtil.h"
 #include "support/TestUtil.h"
 #include "tests/support/DovecotServer.h"
 
@@ -169,6 +178,227 @@ TEST_F(ZeMaildirDovecotTest, ExpungesOnEitherSideAreSeenByTheOther) {
     EXPECT_EQ(after.rbegin()->first, box.uid_from_file(fourth));
 }
 
+// --- faults around the library's renames and unlinks -------------------------
+
+// The messages of a Maildir by base name: how many files hold each (cur/ and
+// new/) and the bytes of the last one seen.
+std::map<std::string, std::pair<int, std::string>> messagesOnDisk(const std::string& maildir) {
+    std::map<std::string, std::pair<int, std::string>> found;
+    for (const char* sub : {"/cur/", "/new/"}) {
+        DIR* d = ::opendir((maildir + sub).c_str());
+        while (const dirent* e = d != nullptr ? ::readdir(d) : nullptr) {
+            if (e->d_name[0] != '.') {
+                auto& entry = found[ZeMaildirName::basename(e->d_name)];
+                ++entry.first;
+                entry.second = zetest::read_file(maildir + sub + e->d_name);
+            }
+        }
+        if (d != nullptr) {
+            ::closedir(d);
+        }
+    }
+    return found;
+}
+
+// Delivers n messages of distinct bytes, a quarter of them to new/; base
+// name -> bytes.
+std::map<std::string, std::string> deliverDistinct(zetest::DovecotServer& server,
+                                                   const std::string& user, int n) {
+    std::map<std::string, std::string> bytesOf;
+    for (int i = 0; i < n; ++i) {
+        const std::string bytes = std::string(kMessage) + "message " + std::to_string(i) + "\n";
+        bytesOf[server.deliver(user, "INBOX", bytes, i % 2 == 0 ? "S" : "", i % 4 == 1)] = bytes;
+    }
+    return bytesOf;
+}
+
+// Changes flags through the library: walks the folder again and again and
+// renames one message per step, until it has made `steps` changes and the
+// parent has closed `until` (the other end of a pipe). Run in a child.
+[[noreturn]] void changeFlagsUntilClosed(const std::string& maildir, int seed, int steps,
+                                         int until) {
+    const unsigned flags[] = {ZeMessageFlags::SEEN, ZeMessageFlags::FLAGGED,
+                              ZeMessageFlags::ANSWERED, ZeMessageFlags::DRAFT,
+                              ZeMessageFlags::LABEL1};
+    ZeMaildir box(ZeMUserRef(), maildir, 0ul);
+    int done = 0;
+    for (char c; done < steps || ::read(until, &c, 1) != 0;) {
+        box.close(true);
+        box.reset();
+        while (box.next() == 1) {
+            auto& env = dynamic_cast<ZeMaildirMsgEnv&>(*box.fetch()->env());
+            const unsigned flag = flags[(seed + done) % 5];
+            (seed + done) / 5 % 2 == 0 ? env.setflag(flag) : env.unsetflag(flag);
+            ++done;
+        }
+    }
+    ::_exit(0);
+}
+
+// Two processes change flags on the same Maildir directly, 10,000 changes at
+// the least, while the server selects, fetches and stores flags on it in one
+// session: afterwards every message is there exactly once with its bytes,
+// on disk and for the server.
+TEST_F(ZeMaildirDovecotTest, TwoProcessesChangingFlagsBesideTheServerLoseNothing) {
+    const std::map<std::string, std::string> bytesOf = deliverDistinct(*server, kUser, 40);
+    ASSERT_EQ(bytesOf.size(), serverView().size());
+    int running[2];
+    ASSERT_EQ(0, ::pipe(running));
+    // The children read the pipe without blocking: a step never waits.
+    ASSERT_EQ(0, ::fcntl(running[0], F_SETFL, O_NONBLOCK));
+    std::vector<pid_t> children;
+    for (int seed : {0, 3}) {
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            ::close(running[1]);
+            changeFlagsUntilClosed(maildir, seed, 5000, running[0]);
+        }
+        ASSERT_GT(pid, 0);
+        children.push_back(pid);
+    }
+    ::close(running[0]);
+    std::string script = "a SELECT INBOX\n";
+    for (int round = 0; round < 40; ++round) {
+        script +=
+            "f FETCH 1:* (FLAGS)\ns STORE 1:* +FLAGS (\\Flagged $label2)\n"
+            "u STORE 1:* -FLAGS (\\Flagged $label2)\nn NOOP\n";
+    }
+    const std::string out = server->run_imap(kUser, script, std::chrono::seconds(120));
+    ::close(running[1]);
+    for (pid_t pid : children) {
+        int status = 0;
+        ASSERT_EQ(pid, ::waitpid(pid, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
+    // The session ran to its end: every FETCH and STORE was answered OK.
+    std::size_t answered = 0;
+    for (std::size_t at = 0; (at = out.find("\r\n", at)) != std::string::npos; at += 2) {
+        answered += out.compare(at + 2, 5, "f OK ") == 0 || out.compare(at + 2, 5, "s OK ") == 0 ||
+                    out.compare(at + 2, 5, "u OK ") == 0;
+    }
+    EXPECT_EQ(40u * 3, answered) << server->log();
+
+    const auto onDisk = messagesOnDisk(maildir);
+    ASSERT_EQ(bytesOf.size(), onDisk.size());
+    for (const auto& [base, bytes] : bytesOf) {
+        ASSERT_TRUE(onDisk.count(base)) << base;
+        EXPECT_EQ(1, onDisk.at(base).first) << base;
+        EXPECT_EQ(bytes, onDisk.at(base).second) << base;
+    }
+    std::set<std::string> served;
+    for (const auto& entry : serverView()) {
+        served.insert(entry.second.name.substr(0, entry.second.name.find(',')));
+    }
+    EXPECT_EQ(bytesOf.size(), served.size());
+    EXPECT_TRUE(std::all_of(served.begin(), served.end(),
+                            [&](const std::string& base) { return bytesOf.count(base) == 1; }));
+}
+
+// A tmpfs of `bytes` mounted over dir in a mount namespace of this process's
+// own, unmounted when the object goes. mounted() is false where the process
+// may not mount (no CAP_SYS_ADMIN).
+class PrivateTmpfs {
+public:
+    PrivateTmpfs(const std::string& dir, std::size_t bytes) : m_dir(dir) {
+        const std::string options = "size=" + std::to_string(bytes) + ",mode=0700";
+        m_mounted = ::unshare(CLONE_NEWNS) == 0 &&
+                    ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                    ::mount("tmpfs", dir.c_str(), "tmpfs", 0, options.c_str()) == 0;
+    }
+    ~PrivateTmpfs() {
+        if (m_mounted) {
+            ::umount2(m_dir.c_str(), MNT_DETACH);
+        }
+    }
+    bool mounted() const { return m_mounted; }
+
+private:
+    std::string m_dir;
+    bool m_mounted = false;
+};
+
+// Writes into path until the file system refuses with ENOSPC; false when it
+// refuses otherwise.
+bool fillUp(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const std::string block(4096, 'f');
+    ssize_t wrote = 0;
+    while (fd >= 0 && (wrote = ::write(fd, block.data(), block.size())) > 0) {
+    }
+    const bool full = fd >= 0 && wrote < 0 && errno == ENOSPC;
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    return full;
+}
+
+// The disk full while the library renames files for flags and expunges.
+// Renames and unlinks need no free space, so they are made where writes
+// fail: the Maildir on a tmpfs filled up (where this process may mount), in
+// a child whose file-size limit lets the size file grow by 3 bytes only, so
+// that the bookkeeping line of permanent_remove is written in part.
+// Afterwards the server and the disk hold every message not expunged
+// exactly once with its bytes and the flags set, the expunged ones are gone,
+// and the size file is as it was, not cut short.
+TEST_F(ZeMaildirDovecotTest, FullDiskDuringFlagRenamesAndExpungeLosesNoMessage) {
+    PrivateTmpfs tmpfs(maildir, 1 << 20);
+    if (tmpfs.mounted()) {
+        ASSERT_EQ(0, vtl_mkdir_maildir(maildir, 0700));
+        server->fix_ownership();
+    }
+    std::map<std::string, std::string> bytesOf = deliverDistinct(*server, kUser, 24);
+    ASSERT_EQ(bytesOf.size(), serverView("q GETQUOTAROOT INBOX\n").size()) << server->log();
+    const std::string sizeFile = zetest::read_file(maildir + "/maildirsize");
+    if (tmpfs.mounted()) {
+        ASSERT_TRUE(fillUp(maildir + "/filler"));
+    }
+
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        const rlim_t limit = sizeFile.size() + 3;
+        const struct rlimit growth = {limit, limit};
+        ::signal(SIGXFSZ, SIG_IGN);
+        ::setrlimit(RLIMIT_FSIZE, &growth);
+        ZeMaildir box(ZeMUserRef(), maildir, 0ul);
+        int n = 0;
+        box.reset();
+        while (box.next() == 1) {
+            auto& m = dynamic_cast<ZeMaildirMsg&>(*box.fetch());
+            auto& env = dynamic_cast<ZeMaildirMsgEnv&>(*m.env());
+            env.setflag(ZeMessageFlags::FLAGGED);
+            env.unsetflag(ZeMessageFlags::SEEN);
+            if (n++ % 3 == 0) {
+                env.setflag(ZeMessageFlags::DELETED);
+            }
+        }
+        box.expunge();
+        box.reset();
+        ::_exit(box.next() == 1 && box.fetch().direct_message()->permanent_remove() == 0 ? 0 : 3);
+    }
+    ASSERT_GT(pid, 0);
+    int status = 0;
+    ASSERT_EQ(pid, ::waitpid(pid, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    if (tmpfs.mounted()) {
+        ASSERT_EQ(0, ::unlink((maildir + "/filler").c_str()));
+    }
+    EXPECT_EQ(sizeFile, zetest::read_file(maildir + "/maildirsize"));
+
+    const auto onDisk = messagesOnDisk(maildir);
+    EXPECT_EQ(bytesOf.size() - 9, onDisk.size());  // 8 expunged, 1 removed
+    for (const auto& [base, found] : onDisk) {
+        ASSERT_TRUE(bytesOf.count(base)) << base;
+        EXPECT_EQ(1, found.first) << base;
+        EXPECT_EQ(bytesOf[base], found.second) << base;
+    }
+    const auto view = serverView();
+    EXPECT_EQ(onDisk.size(), view.size()) << server->log();
+    for (const auto& [uid, message] : view) {
+        EXPECT_TRUE(onDisk.count(message.name.substr(0, message.name.find(',')))) << message.name;
+        EXPECT_EQ(ZeMessageFlags::FLAGGED, bits(message.flags)) << uid;
+    }
+}
+
 std::vector<std::string> corpusFiles() {
     std::vector<std::string> files;
     if (DIR* d = ::opendir(ZEMAIL_CORPUS_DIR)) {
@@ -182,6 +412,59 @@ std::vector<std::string> corpusFiles() {
     }
     std::sort(files.begin(), files.end());
     return files;
+}
+
+// The corpus delivered into new/ under both shapes of name, with and without
+// a "," before ":2,", into a folder that has only the stock server's file
+// names ("dovecot-uidlist", "maildirsize": the fixture's dotted links are
+// removed). Once the server has given every message its UID, the walk,
+// uid_from_file and file_from_uid agree with its UID FETCH for every one, the
+// sizes are the files' lengths, and the store's size is read from
+// "maildirsize".
+TEST_F(ZeMaildirDovecotTest, NamesWithoutCommaAndStockFileNamesAgreeWithTheServer) {
+    const std::vector<std::string> files = corpusFiles();
+    if (files.empty()) {
+        GTEST_SKIP() << "no corpus at " << ZEMAIL_CORPUS_DIR;
+    }
+    for (const char* link : {"/.dovecot-uidlist", "/.maildirsize"}) {
+        ASSERT_EQ(0, ::unlink((maildir + link).c_str())) << link;
+    }
+    std::map<std::string, std::string> bytesOf;  // base name -> contents
+    long long total = 0;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        const std::string bytes = zetest::read_file(files[i]);
+        const std::string base =
+            std::to_string(1700000000 + i) + ".M" + std::to_string(i) + "P7.host";
+        const std::string stem = i % 2 == 0 ? base : base + ",S=" + std::to_string(bytes.size());
+        std::ofstream(maildir + "/new/" + stem + ":2," + (i % 3 == 0 ? "S" : "")) << bytes;
+        bytesOf[base] = bytes;
+        total += static_cast<long long>(bytes.size());
+    }
+    server->fix_ownership();
+    auto view = serverView("q GETQUOTAROOT INBOX\n");
+    ASSERT_EQ(files.size(), view.size()) << server->log();
+
+    ZeMaildir box(ZeMUserRef(), maildir, 0ul);
+    std::map<unsigned long, std::string> walked;  // UID -> base name
+    box.reset();
+    while (box.next() == 1) {
+        ZeMessageRef& m = box.fetch();
+        const std::string name = m->env()->msgID();
+        ASSERT_TRUE(view.count(m->uid())) << name;
+        const std::string& fname = view[m->uid()].name;
+        EXPECT_EQ(fname.substr(0, fname.find(',')), m->basename()) << name;
+        EXPECT_EQ(m->uid(), box.uid_from_file(name)) << name;
+        EXPECT_EQ(m->basename(), box.file_from_uid(m->uid())) << name;
+        EXPECT_EQ(bytesOf[m->basename()].size(), m->env()->size()) << name;
+        walked[m->uid()] = m->basename();
+    }
+    EXPECT_EQ(files.size(), walked.size());
+
+    long long bytes = 0;
+    long long count = 0;
+    ASSERT_EQ(0, vtl_get_maildirsize(1, maildir, &bytes, &count)) << server->log();
+    EXPECT_EQ(total, bytes);
+    EXPECT_EQ(static_cast<long long>(files.size()), count);
 }
 
 // What one mailbox says about one message: everything the two paths must

@@ -4,6 +4,7 @@
 #include "stores/ZeMaildirName.h"
 
 #include <limits>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -29,13 +30,28 @@ std::string letters(const FlagChars& flags) {
     return out;
 }
 
-TEST(ZeMaildirNameTest, BaseNameEndsAtFirstComma) {
-    EXPECT_EQ("1.M1.h", ZeMaildirName::basename("1.M1.h,S=5:2,S"));
-    EXPECT_EQ("123.host:2",
-              ZeMaildirName::basename("123.host:2,SF"));  // the comma of ":2," counts too
-    EXPECT_EQ("plain", ZeMaildirName::basename("plain"));
-    EXPECT_EQ("", ZeMaildirName::basename(",U5"));
-    EXPECT_EQ("", ZeMaildirName::basename(""));
+// Most delivery agents write no "," before the info part: their base name
+// ends at the marker, where names with one keep the answer they always had.
+TEST(ZeMaildirNameTest, BaseNameEndsAtFirstCommaOrAtAnInfoMarkerBeforeIt) {
+    const std::pair<std::string, std::string> rows[] = {
+        {"1.M1.h,S=5:2,S", "1.M1.h"},
+        {"1.M1.h,U7:2,S", "1.M1.h"},
+        {"1700000000.M1P1.host:2,S", "1700000000.M1P1.host"},
+        {"123.host:3,SF", "123.host"},
+        {"123.host:2,", "123.host"},
+        {"x:3,A:2,B", "x"},
+        {"a:2", "a:2"},    // no marker without its ","
+        {"a:4,S", "a:4"},  // only 2 and 3 mark an info part
+        {"a2,S=1", "a2"},  // a "2" before the "," is no marker without ":"
+        {":2,S", ""},
+        {"plain", "plain"},
+        {",U5", ""},
+        {"", ""},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(row.second, ZeMaildirName::basename(row.first)) << row.first;
+        EXPECT_EQ(row.second.size(), baseLength(row.first.data(), row.first.size())) << row.first;
+    }
 }
 
 TEST(ZeMaildirNameTest, InfoPartFollowsFirstColonTwoElseColonThree) {
@@ -55,24 +71,41 @@ TEST(ZeMaildirNameTest, BytesAboveAsciiAreNotFlags) {
     EXPECT_EQ(std::string(1, '\x7f'), letters(flagChars("x:2,\x7f")));
 }
 
-TEST(ZeMaildirNameTest, SizeMarkerWithHashBeforeDigitsOnly) {
-    std::uint32_t size = 7;
-    EXPECT_TRUE(sizeFromName("123.x,#F#S#471:2,S", &size));
-    EXPECT_EQ(471u, size);
-    // The composer's spelling does not carry a size of its own.
-    size = 7;
-    EXPECT_FALSE(sizeFromName("123.x,#F#S471#E", &size));
-    EXPECT_EQ(7u, size);
-    EXPECT_FALSE(sizeFromName("123.x#F#S#471", &size));  // no comma before it
-
-    EXPECT_TRUE(sizeFromName("x,#F#S#", &size));
-    EXPECT_EQ(0u, size);
-    EXPECT_TRUE(sizeFromName("x,#F#S#4294967295", &size));
-    EXPECT_EQ(4294967295u, size);
-    EXPECT_TRUE(sizeFromName("x,#F#S#4294967296", &size));
-    EXPECT_EQ(4294967295u, size);  // capped, not wrapped to 0
-    EXPECT_TRUE(sizeFromName("x,#F#S#-1", &size));
-    EXPECT_EQ(4294967295u, size);
+// The marker ",#F#S#<n>" and the server's ",S=<n>" field; -1: no size, the
+// file's length is used.
+TEST(ZeMaildirNameTest, SizeFromTheMarkerOrTheServersField) {
+    struct Row {
+        const char* name;
+        long long marker;  // sizeFromName
+        long long server;  // serverSizeFromName
+    };
+    const Row rows[] = {
+        {"123.x,#F#S#471:2,S", 471, -1},
+        {"123.x,#F#S471#E", -1, -1},  // the composer's spelling carries no size
+        {"123.x#F#S#471", -1, -1},    // no comma before it
+        {"x,#F#S#", 0, -1},
+        {"x,#F#S#4294967295", 4294967295, -1},
+        {"x,#F#S#4294967296", 4294967295, -1},  // capped, not wrapped to 0
+        {"x,#F#S#-1", 4294967295, -1},
+        {"1.M1.h,S=471,W=480:2,S", -1, 471},
+        {"1.M1.h,W=480,S=471", -1, 471},
+        {"1.M1.h,S=0:2,", -1, 0},
+        {"1.M1.h,S=4294967296", -1, 4294967295},
+        {"1.M1.h,S=99999999999999999999999:2,S", -1, 4294967295},
+        {"1.M1.h,S=", -1, -1},
+        {"1.M1.h,S=47x", -1, -1},
+        {"1.M1.h,S=-1", -1, -1},
+        {"1.M1.h:2,S=5", -1, -1},  // flag letters, not a field
+        {"1.M1.hS=5", -1, -1},
+    };
+    for (const Row& row : rows) {
+        std::uint32_t marker = 7;
+        std::uint32_t server = 7;
+        EXPECT_EQ(row.marker >= 0, sizeFromName(row.name, &marker)) << row.name;
+        EXPECT_EQ(row.marker >= 0 ? row.marker : 7, marker) << row.name;
+        EXPECT_EQ(row.server >= 0, serverSizeFromName(row.name, &server)) << row.name;
+        EXPECT_EQ(row.server >= 0 ? row.server : 7, server) << row.name;
+    }
 }
 
 TEST(ZeMaildirNameTest, DateIsTheLeadingNumber) {

@@ -71,14 +71,16 @@ TEST_F(ZeUIDListTest, BlanksFieldsAndNameBoundaries) {
               "1   G0af3 W12 :many-blanks\n"
               "2\t:after-a-tab\n"
               "3 :no-comma:2,S\n"
+              "7 :no-comma-either:3,\n"
               "4 Xa:b :first-colon-starts-the-name\n"
               "5 :\xe4\xf6\xff.high-bytes,S=1\n"
               "6 :last-line-without-feed",
           1000);
     EXPECT_EQ("many-blanks", list().basename(1));
     EXPECT_EQ("after-a-tab", list().basename(2));
-    EXPECT_EQ("no-comma:2", list().basename(3));
-    EXPECT_EQ(3u, list().uid("no-comma:2,S"));
+    EXPECT_EQ("no-comma", list().basename(3));  // the base ends at ":2," then
+    EXPECT_EQ(3u, list().uid("no-comma:2,RS"));
+    EXPECT_EQ(7u, list().uid("no-comma-either:3,S"));
     EXPECT_EQ("b :first-colon-starts-the-name", list().basename(4));
     EXPECT_EQ(5u, list().uid("\xe4\xf6\xff.high-bytes"));
     EXPECT_EQ("last-line-without-feed", list().basename(6));
@@ -169,7 +171,9 @@ TEST_F(ZeUIDListTest, LongLinesFollowTheSameGrammarAsShortOnes) {
               "3 :" + std::string(70, 'c') + "\n" +           // no comma, no feed nearby
               "4 :short,S=" + std::string(200, '9') + "\n" +  // feed far after the comma
               "5 :a:b,c:d\n" +                                // colons in the name
-              "6 :next-line-is-not-this-name\n7 :x,y\n",
+              "6 :next-line-is-not-this-name\n7 :x,y\n" +     // names cut at ","
+              "8 :" + longName + ":2,S\n" +                   // long, no ","
+              "9 :" + std::string(40, 'm') + ":2," + std::string(90, 'S') + "\n",  // feed far
           1000);
     EXPECT_EQ("far-colon", list().basename(1));
     EXPECT_EQ(longName, list().basename(2));
@@ -179,6 +183,8 @@ TEST_F(ZeUIDListTest, LongLinesFollowTheSameGrammarAsShortOnes) {
     EXPECT_EQ("a:b", list().basename(5));
     EXPECT_EQ("next-line-is-not-this-name", list().basename(6));
     EXPECT_EQ("x", list().basename(7));
+    EXPECT_EQ(longName, list().basename(8));
+    EXPECT_EQ(std::string(40, 'm'), list().basename(9));
 }
 
 // The maps a file gives, worked out the plain way: first mapping seen wins.
@@ -365,6 +371,40 @@ TEST_F(ZeUIDListTest, BadFilesGiveUnknownAnswersAndAreLeftAsTheyWere) {
     // A FIFO in the file's place must not block the reader.
     ASSERT_EQ(0, ::mkfifo(file().c_str(), 0600));
     EXPECT_EQ(kUnknown, list().uid("one"));
+}
+
+TEST_F(ZeUIDListTest, StockServerFileWithoutTheDotIsReadWhenTheDottedOneIsMissing) {
+    dir.write("dovecot-uidlist", kHeader + "4 :four\n");
+    ASSERT_EQ(0, ::symlink("dovecot-uidlist.gone", file().c_str()));  // dangling
+    EXPECT_EQ(4u, list().uid("four"));
+    ASSERT_EQ(0, ::unlink(file().c_str()));
+    write(kHeader + "5 :five\n", 1000);
+    EXPECT_EQ(5u, list().uid("five"));  // the dotted file, once there, is the one read
+}
+
+// A sparse file of 1 TiB made every lookup throw std::bad_alloc: what is
+// reserved and read is capped, and the records before the hole still count.
+TEST_F(ZeUIDListTest, HugeSparseFileAnswersInsteadOfThrowingBadAlloc) {
+    write(kHeader + "1 :one\n", 1000);
+    ASSERT_EQ(0, ::truncate(file().c_str(), off_t{1} << 40));
+    EXPECT_EQ(1u, list().uid("one"));
+    EXPECT_EQ(kUnknown, list().uid("two"));
+    EXPECT_EQ("", list().basename(2));
+}
+
+TEST_F(ZeUIDListTest, ReadingStopsAfterTheByteCapDroppingTheLineItCuts) {
+    write(kHeader + "1 :one\n2 :two\n3 :three\n", 1000);
+    const std::pair<std::size_t, const char*> rows[] = {
+        {kHeader.size() + 11, ""},  // "2 :tw" cut
+        {kHeader.size() + 13, ""},  // "2 :two" without its feed: maybe cut
+        {kHeader.size() + 14, "two"},
+    };
+    for (const auto& row : rows) {
+        ZeUIDListImpl capped(file(), row.first);
+        EXPECT_EQ("one", capped.basename(1)) << row.first;
+        EXPECT_EQ(row.second, capped.basename(2)) << row.first;
+        EXPECT_EQ("", capped.basename(3)) << row.first;
+    }
 }
 
 TEST_F(ZeUIDListTest, EmptyAndHeaderOnlyFilesAreEmptyLists) {

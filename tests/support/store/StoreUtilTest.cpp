@@ -214,6 +214,10 @@ TEST(StoreMaildirSize, ServerUsersReadTheQuotaFile) {
     long long count = -7;
     // The server keeps the file for IMAP users: without it, ask the server.
     EXPECT_EQ(-1, vtl_get_maildirsize(1, dir.path() + "/Maildir", &bytes, &count));
+    // A stock server's "maildirsize" serves while ".maildirsize" is missing.
+    dir.write("Maildir/maildirsize", "0S\n900 1\n");
+    EXPECT_EQ(0, vtl_get_maildirsize(1, dir.path() + "/Maildir", &bytes, &count));
+    EXPECT_EQ(900, bytes);
     dir.write("Maildir/.maildirsize", "0S\n5000 4\n-1000 -1\nbroken");
     EXPECT_EQ(0, vtl_get_maildirsize(1, dir.path() + "/Maildir", &bytes, &count));
     EXPECT_EQ(4000, bytes);
@@ -414,9 +418,8 @@ TEST(StoreUnlinkMail, KeepsTheSizesRight) {
     const std::string store = dir.path() + "/Maildir";
     make_dirs(store);
     make_dirs(store + "/.Work");
-    // The server's file under its plain name, reached through the dotted link.
+    // A stock server's file, under its plain name only.
     dir.write("Maildir/maildirsize", "0S\n1300 2\n");
-    ASSERT_EQ(0, symlink("maildirsize", (store + "/.maildirsize").c_str()));
     dir.write("Maildir/.Work/.vt_folder_size", "0S\n1300 2\n");
     const std::string in_folder = dir.write("Maildir/.Work/cur/1.x,S=1000:2,S", "body");
     const std::string in_inbox = dir.write("Maildir/new/2.y", std::string(300, 'y'));
