@@ -208,8 +208,9 @@ void ZeMUser::parent_helper::operator()(ZeMFolderRef& folder) const {
 }
 
 int ZeMUser::calculateSize(bool force) {
+    // A stock server keeps the file as "maildirsize".
     const std::string path = store_file(m_id.mailpath(), ".maildirsize");
-    if (!force && exists(path)) {
+    if (!force && (exists(path) || exists(store_file(m_id.mailpath(), "maildirsize")))) {
         return 0;
     }
     return get_quota(nullptr, nullptr);

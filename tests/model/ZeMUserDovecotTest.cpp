@@ -182,8 +182,10 @@ TEST_F(ImapUser, QuotaAndUsageComeFromTheServer) {
     ASSERT_EQ(0, vtl_read_mail_folder_size(size_file, &bytes, nullptr));
     EXPECT_EQ((bytes + 1023) / 1024, ann->get_usage());
 
-    // calculateSize leaves an existing file alone unless forced.
+    // calculateSize leaves an existing file alone unless forced, also under
+    // the stock server's name alone.
     ZeImapConnection::instance()->close();
+    ASSERT_EQ(0, ::unlink((m_server.maildir("ann") + "/.maildirsize").c_str()));
     EXPECT_EQ(0, ann->calculateSize(false));
     EXPECT_FALSE(ZeImapConnection::instance()->program().is_open());
     EXPECT_EQ(0, ann->calculateSize(true));
